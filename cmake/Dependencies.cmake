@@ -1,0 +1,11 @@
+# Every dependency is a Debian 12 package (scripts/setup.sh installs them).
+find_package(PkgConfig REQUIRED)
+find_package(Threads REQUIRED)
+pkg_check_modules(FFMPEG REQUIRED IMPORTED_TARGET
+  libavformat libavcodec libavutil libswresample libswscale)
+pkg_check_modules(ICU REQUIRED IMPORTED_TARGET icu-uc icu-i18n)
+pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
+find_package(pugixml REQUIRED)
+find_library(QX_CLD2_LIBRARY cld2 REQUIRED)
+find_package(SQLite3 REQUIRED)
+pkg_check_modules(TESSERACT IMPORTED_TARGET tesseract lept)

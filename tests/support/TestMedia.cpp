@@ -1,0 +1,118 @@
+#include "support/TestMedia.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <unistd.h>
+
+#include "qxmedia/core/QXMedia.h"
+
+namespace qxtest {
+
+std::filesystem::path mediaDir()
+{
+    const char* env = std::getenv("QX_TEST_TMP");
+    std::filesystem::path dir = env && *env ? env : std::filesystem::temp_directory_path() / "qxmedia-test-media";
+    std::filesystem::create_directories(dir);
+    return dir;
+}
+
+std::filesystem::path makeTempDir(const std::string& name)
+{
+    auto dir = mediaDir() / "tmp" / (name + "-" + std::to_string(::getpid()));
+    std::filesystem::remove_all(dir);
+    std::filesystem::create_directories(dir);
+    return dir;
+}
+
+int run(const std::string& command, std::string* output)
+{
+    FILE* pipe = ::popen(command.c_str(), "r");
+    if (!pipe) return -1;
+    std::string text;
+    char buffer[4096];
+    size_t n;
+    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) text.append(buffer, n);
+    const int status = ::pclose(pipe);
+    if (output) *output = std::move(text);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+bool haveTool(const std::string& tool)
+{
+    return run("command -v " + tool + " >/dev/null 2>&1") == 0;
+}
+
+std::filesystem::path generate(const std::string& name, const std::string& ffmpegArguments)
+{
+    const auto path = mediaDir() / name;
+    if (std::filesystem::exists(path) && std::filesystem::file_size(path) > 0) return path;
+    // Write under a temporary name so that a concurrent or failed run never
+    // leaves a half-made file behind.
+    const auto partial = mediaDir() / ("partial-" + std::to_string(::getpid()) + "-" + name);
+    const std::string command =
+        "ffmpeg -nostdin -y -v error " + ffmpegArguments + " '" + partial.string() + "' 2>&1";
+    std::string output;
+    if (run(command, &output) != 0) {
+        std::fprintf(stderr, "ffmpeg failed for %s:\n%s\n", name.c_str(), output.c_str());
+        std::filesystem::remove(partial);
+        return {};
+    }
+    std::filesystem::rename(partial, path);
+    return path;
+}
+
+void writeFile(const std::filesystem::path& path, const std::string& text)
+{
+    if (path.has_parent_path()) std::filesystem::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+std::string readFile(const std::filesystem::path& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream buffer;
+    buffer << in.rdbuf();
+    return buffer.str();
+}
+
+LogCapture::LogCapture()
+{
+    QXMedia::sharedMedia().setLogCallback([this](bool log, int32_t flag, int32_t, const char* file,
+                                                 const char* function, uint64_t line, const QXValue*,
+                                                 const char* format, va_list arguments) {
+        char buffer[4096];
+        std::vsnprintf(buffer, sizeof buffer, format, arguments);
+        std::lock_guard guard(lock_);
+        lines_.push_back({log, flag, file ? file : "", function ? function : "", line, buffer});
+    });
+}
+
+LogCapture::~LogCapture()
+{
+    QXMedia::sharedMedia().setLogCallback(nullptr);
+}
+
+std::vector<LogLine> LogCapture::lines() const
+{
+    std::lock_guard guard(lock_);
+    return lines_;
+}
+
+bool LogCapture::contains(const std::string& fragment, int32_t flag) const
+{
+    std::lock_guard guard(lock_);
+    for (const auto& line : lines_) {
+        if ((flag == 0 || line.flag == flag) && line.text.find(fragment) != std::string::npos) return true;
+    }
+    return false;
+}
+
+void LogCapture::clear()
+{
+    std::lock_guard guard(lock_);
+    lines_.clear();
+}
+
+} // namespace qxtest

@@ -1,0 +1,54 @@
+#pragma once
+// Shared test support: generated media in a per-build cache, commands, and
+// a capture of the framework's log lines.
+
+#include <cstdint>
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace qxtest {
+
+// The folder generated media lives in (QX_TEST_TMP, else a temp folder).
+std::filesystem::path mediaDir();
+// A fresh empty folder for one test.
+std::filesystem::path makeTempDir(const std::string& name);
+
+// Runs a shell command; returns its exit status and, if asked, its stdout.
+int run(const std::string& command, std::string* output = nullptr);
+bool haveTool(const std::string& tool);
+
+// Makes `name` in mediaDir() by running `ffmpegArguments` (everything after
+// "ffmpeg -y -v error"), once per build; the output path is appended. Returns
+// the path, or an empty path when ffmpeg failed (the test should fail then).
+std::filesystem::path generate(const std::string& name, const std::string& ffmpegArguments);
+
+// Writes text to a file, creating folders.
+void writeFile(const std::filesystem::path& path, const std::string& text);
+std::string readFile(const std::filesystem::path& path);
+
+struct LogLine {
+    bool log;
+    int32_t flag;
+    std::string file;
+    std::string function;
+    uint64_t line;
+    std::string text; // expanded
+};
+
+// Installs a log callback for its lifetime and keeps every line.
+class LogCapture {
+public:
+    LogCapture();
+    ~LogCapture();
+    std::vector<LogLine> lines() const;
+    bool contains(const std::string& fragment, int32_t flag = 0) const;
+    void clear();
+
+private:
+    mutable std::mutex lock_;
+    std::vector<LogLine> lines_;
+};
+
+} // namespace qxtest
