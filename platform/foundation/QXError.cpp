@@ -9,6 +9,7 @@ const char AVFoundationErrorDomain[] = "AVFoundationErrorDomain";
 const char NSLocalizedDescriptionKey[] = "NSLocalizedDescription";
 const char NSUnderlyingErrorKey[] = "NSUnderlyingError";
 const char NSFilePathErrorKey[] = "NSFilePath";
+const char NSURLErrorKey[] = "NSURL";
 const char AVErrorPersistentTrackIDKey[] = "AVErrorPersistentTrackIDKey";
 const char AVErrorMediaSubTypeKey[] = "AVErrorMediaSubTypeKey";
 

@@ -20,6 +20,7 @@ extern const char AVFoundationErrorDomain[];
 extern const char NSLocalizedDescriptionKey[];
 extern const char NSUnderlyingErrorKey[];
 extern const char NSFilePathErrorKey[];
+extern const char NSURLErrorKey[];
 extern const char AVErrorPersistentTrackIDKey[];
 extern const char AVErrorMediaSubTypeKey[];
 
