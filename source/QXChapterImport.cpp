@@ -1,0 +1,198 @@
+// Chapter files: two XML forms read with XPath, and two line-based text
+// forms read with regular expressions.
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <pugixml.hpp>
+#include <unicode/regex.h>
+#include <unicode/ucnv.h>
+#include <unicode/ucsdet.h>
+#include <unicode/ustring.h>
+#include <unicode/unistr.h>
+#include <unistd.h>
+
+#include "qxmedia/core/QXMedia.h"
+#include "qxmedia/core/QXTimeFormat.h"
+#include "qxmedia/source/QXChapterTrack.h"
+
+using namespace qx;
+
+namespace {
+
+// NSCocoaErrorDomain codes of file reading.
+constexpr int64_t kFileReadUnknownError = 256;
+constexpr int64_t kFileReadNoPermissionError = 257;
+constexpr int64_t kFileReadCorruptFileError = 259;
+constexpr int64_t kFileReadNoSuchFileError = 260;
+constexpr int64_t kFileReadUnknownStringEncodingError = 264;
+
+int64_t fileErrorCode(const QXURL& url)
+{
+    std::error_code ec;
+    if (!std::filesystem::exists(url, ec)) return kFileReadNoSuchFileError;
+    if (::access(url.c_str(), R_OK) != 0) return kFileReadNoPermissionError;
+    return kFileReadUnknownError;
+}
+
+// The string value of an XPath result: an attribute's value, or the text of
+// a node and its descendants.
+std::string nodeString(const pugi::xpath_node& node)
+{
+    if (node.attribute()) return node.attribute().value();
+    const pugi::xml_node n = node.node();
+    if (n.type() == pugi::node_pcdata || n.type() == pugi::node_cdata) return n.value();
+    static const pugi::xpath_query stringValue("string(.)");
+    return stringValue.evaluate_string(node);
+}
+
+QXErrorRef xmlError(const QXURL& url, const pugi::xml_parse_result& result)
+{
+    const int64_t code =
+        result.status == pugi::status_file_not_found || result.status == pugi::status_io_error
+            ? fileErrorCode(url)
+            : (result.status == pugi::status_out_of_memory || result.status == pugi::status_internal_error
+                   ? kFileReadUnknownError
+                   : kFileReadCorruptFileError);
+    std::string description = result.description();
+    if (code == kFileReadCorruptFileError) description += " at offset " + std::to_string(result.offset);
+    return QXMedia::errorWithDomain(NSCocoaErrorDomain, code,
+                                    {{NSLocalizedDescriptionKey, description}, {NSFilePathErrorKey, url}});
+}
+
+// Reads a text file in the encoding its bytes show: a byte order mark, else
+// UTF-8 when the bytes are valid UTF-8, else ICU's best guess.
+std::optional<icu::UnicodeString> readTextDetectingEncoding(const QXURL& url, QXErrorRef* error)
+{
+    std::ifstream in(url, std::ios::binary);
+    if (!in) {
+        QXSetError(error,
+                   QXMedia::errorWithDomain(NSCocoaErrorDomain, fileErrorCode(url), {{NSFilePathErrorKey, url}}));
+        return std::nullopt;
+    }
+    const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const int32_t length = int32_t(bytes.size());
+
+    UErrorCode status = U_ZERO_ERROR;
+    int32_t signatureLength = 0;
+    const char* charset = ucnv_detectUnicodeSignature(bytes.data(), length, &signatureLength, &status);
+    if (!charset) {
+        status = U_ZERO_ERROR;
+        int32_t units = 0;
+        u_strFromUTF8(nullptr, 0, &units, bytes.data(), length, &status);
+        if (status == U_BUFFER_OVERFLOW_ERROR || U_SUCCESS(status)) return icu::UnicodeString::fromUTF8(bytes);
+    }
+    std::unique_ptr<UCharsetDetector, decltype(&ucsdet_close)> detector(nullptr, ucsdet_close);
+    if (!charset) {
+        status = U_ZERO_ERROR;
+        detector.reset(ucsdet_open(&status));
+        ucsdet_setText(detector.get(), bytes.data(), length, &status);
+        const UCharsetMatch* match = ucsdet_detect(detector.get(), &status);
+        if (match) charset = ucsdet_getName(match, &status);
+    }
+    if (!charset || U_FAILURE(status)) {
+        QXSetError(error, QXMedia::errorWithDomain(NSCocoaErrorDomain, kFileReadUnknownStringEncodingError,
+                                                   {{NSFilePathErrorKey, url}}));
+        return std::nullopt;
+    }
+    status = U_ZERO_ERROR;
+    icu::UnicodeString text(bytes.data() + signatureLength, length - signatureLength, charset);
+    if (text.isBogus()) {
+        QXSetError(error, QXMedia::errorWithDomain(NSCocoaErrorDomain, kFileReadUnknownStringEncodingError,
+                                                   {{NSFilePathErrorKey, url}}));
+        return std::nullopt;
+    }
+    return text;
+}
+
+std::string utf8(const icu::UnicodeString& text)
+{
+    std::string out;
+    text.toUTF8String(out);
+    return out;
+}
+
+} // namespace
+
+bool QXChapterTrack::importChaptersFromURL(const QXURL& url, QXErrorRef* error)
+{
+    clearChapters();
+    const std::string extension = url.extension().string();
+    if (extension == ".chapters") return importChaptersFromChapters(url, error);
+    if (extension == ".xml") return importChaptersFromXML(url, error);
+    if (extension == ".txt") return importChaptersFromTXT(url, error);
+    return false;
+}
+
+bool QXChapterTrack::importChaptersFromChapters(const QXURL& url, QXErrorRef* error)
+{
+    return importChaptersFromXMLDocument(url, "/chapterInfo/chapters/chapter", "./@time", "./@name", error);
+}
+
+bool QXChapterTrack::importChaptersFromXML(const QXURL& url, QXErrorRef* error)
+{
+    return importChaptersFromXMLDocument(url, "/Chapters/EditionEntry/ChapterAtom", "./ChapterTimeStart/text()",
+                                         "./ChapterDisplay/ChapterString/text()", error);
+}
+
+bool QXChapterTrack::importChaptersFromXMLDocument(const QXURL& url, const char* chapterPath, const char* timePath,
+                                                   const char* titlePath, QXErrorRef* error)
+{
+    pugi::xml_document document;
+    const pugi::xml_parse_result parsed = document.load_file(url.c_str(), pugi::parse_default | pugi::parse_doctype);
+    if (!parsed) {
+        QXSetError(error, xmlError(url, parsed));
+        return false;
+    }
+    const pugi::xpath_query chapterQuery(chapterPath);
+    const pugi::xpath_query timeQuery(timePath);
+    const pugi::xpath_query titleQuery(titlePath);
+
+    bool added = false;
+    for (const pugi::xpath_node& chapter : chapterQuery.evaluate_node_set(document)) {
+        const pugi::xpath_node_set times = timeQuery.evaluate_node_set(chapter);
+        // A chapter needs exactly one start time; with none or several it is
+        // left out.
+        if (times.size() != 1) continue;
+        const CMTime timestamp = CMTimeFromSmpteString(nodeString(times.first()));
+        const pugi::xpath_node_set titles = titleQuery.evaluate_node_set(chapter);
+        std::optional<std::string> title;
+        if (!titles.empty()) title = nodeString(titles.first());
+        addChapter(std::move(title), timestamp);
+        added = true;
+    }
+    return added;
+}
+
+bool QXChapterTrack::importChaptersFromTXT(const QXURL& url, QXErrorRef* error)
+{
+    const std::optional<icu::UnicodeString> text = readTextDetectingEncoding(url, error);
+    if (!text) return false;
+
+    // OGM form: pairs of CHAPTERnn=time and CHAPTERnnNAME=title lines.
+    // Otherwise each line that starts with a time holds the rest as title,
+    // leading blank included.
+    const char16_t* pattern = text->startsWith(u"CHAPTER")
+                                  ? u"^CHAPTER[0-9]+=(.+)$[\\r\\n]+^CHAPTER[0-9]+NAME=(.*)$"
+                                  : u"^([0-9]{2}.[0-9]{2}.[0-9]{2}.[0-9]{3})(.*)$";
+    UErrorCode status = U_ZERO_ERROR;
+    std::unique_ptr<icu::RegexPattern> compiled(
+        icu::RegexPattern::compile(icu::UnicodeString(pattern), UREGEX_CASE_INSENSITIVE | UREGEX_MULTILINE, status));
+    if (U_FAILURE(status)) return false;
+    std::unique_ptr<icu::RegexMatcher> lines(compiled->matcher(*text, status));
+    if (U_FAILURE(status)) return false;
+
+    bool added = false;
+    while (lines->find(status) && U_SUCCESS(status)) {
+        const std::string time = utf8(lines->group(1, status));
+        const std::string title = utf8(lines->group(2, status));
+        if (U_FAILURE(status)) break;
+        addChapter(title, CMTimeFromSmpteString(time));
+        added = true;
+    }
+    return added;
+}
