@@ -1,0 +1,80 @@
+#pragma once
+// Chapters of an MP4 file, in the two forms players read:
+//
+// - A QuickTime chapter track: a text track (handler "text") whose samples
+//   are the chapter titles, each as long as its chapter, referenced from
+//   the video track by tref/chap. Each sample is a 16-bit length, the UTF-8
+//   title and an `encd` box naming UTF-8.
+// - A Nero `chpl` box in moov/udta: start times in 100-ns units and titles
+//   of at most 255 bytes.
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace qx::mp4 {
+
+class MP4File;
+
+enum MP4ChapterType : int {
+    MP4ChapterTypeNone = 0,
+    MP4ChapterTypeAny = 1,
+    MP4ChapterTypeQt = 2,
+    MP4ChapterTypeNero = 4,
+};
+
+struct MP4Chapter {
+    uint64_t duration = 0; // milliseconds
+    std::string title;
+
+    bool operator==(const MP4Chapter&) const = default;
+};
+
+// One entry of a chpl box.
+struct MP4NeroChapter {
+    uint64_t start = 0; // 100-ns units from the start of the movie
+    std::string title;
+
+    bool operator==(const MP4NeroChapter&) const = default;
+};
+
+// chpl payload (after the box header): version 1 with a reserved byte and
+// a 32-bit count, or version 0 with an 8-bit count. Titles longer than 255
+// bytes are cut at a character boundary; at most 255 entries are written
+// (readers take the count as one byte).
+std::vector<uint8_t> MP4ChplEncode(const std::vector<MP4NeroChapter>& chapters);
+std::optional<std::vector<MP4NeroChapter>> MP4ChplDecode(std::span<const uint8_t> payload);
+
+// A text sample of a chapter track, and its title back (an optional byte
+// order mark is honoured: UTF-16 titles are converted to UTF-8).
+std::vector<uint8_t> MP4ChapterTextSample(const std::string& title);
+std::optional<std::string> MP4ChapterTitleFromSample(std::span<const uint8_t> sample);
+
+// Between durations and start times. Starts are turned into durations up
+// to `totalDuration` (the movie's length, milliseconds); a start past the
+// end gives a chapter of length 0.
+std::vector<MP4NeroChapter> MP4ChaptersToNero(const std::vector<MP4Chapter>& chapters);
+std::vector<MP4Chapter> MP4ChaptersFromNero(const std::vector<MP4NeroChapter>& chapters, uint64_t totalDuration);
+
+// Cuts UTF-8 text to at most `maxBytes` without splitting a character.
+std::string MP4TruncateUTF8(const std::string& text, size_t maxBytes);
+
+// On an open file. Get reads the QuickTime chapter track first (when
+// `fromType` allows it), else the Nero list; returns the type found, or
+// MP4ChapterTypeNone with `chapters` empty.
+MP4ChapterType MP4GetChapters(MP4File& file, std::vector<MP4Chapter>& chapters,
+                              MP4ChapterType fromType = MP4ChapterTypeAny);
+// Replaces the chapters of the given type (Any: both forms). The QuickTime
+// track refers from the first video track (or the first track when there is
+// none) and takes its timescale; the last chapter is stretched or cut to end
+// with the movie. Returns the type(s) written, MP4ChapterTypeNone on failure.
+MP4ChapterType MP4SetChapters(MP4File& file, const std::vector<MP4Chapter>& chapters,
+                              MP4ChapterType toType = MP4ChapterTypeQt);
+// Removes chapters of the given type; for the QuickTime form the text track
+// `chapterTrackId` (0: every chapter text track found by tref/chap) and the
+// references to it. Returns the type(s) removed.
+MP4ChapterType MP4DeleteChapters(MP4File& file, MP4ChapterType type = MP4ChapterTypeQt, uint32_t chapterTrackId = 0);
+
+} // namespace qx::mp4

@@ -1,0 +1,294 @@
+#include <gtest/gtest.h>
+
+#include "qxmedia/mp4/tags/MP4Itmf.h"
+#include "qxmedia/mp4/tags/MP4Tags.h"
+
+using namespace qx::mp4;
+
+namespace {
+
+std::vector<uint8_t> bytes(std::initializer_list<int> values)
+{
+    std::vector<uint8_t> out;
+    for (int v : values) out.push_back(uint8_t(v));
+    return out;
+}
+
+void append(std::vector<uint8_t>& out, const std::vector<uint8_t>& more) { out.insert(out.end(), more.begin(), more.end()); }
+
+std::vector<uint8_t> box(const std::string& type, const std::string& content)
+{
+    const size_t size = 8 + content.size();
+    std::vector<uint8_t> out = bytes({int(size >> 24), int((size >> 16) & 0xFF), int((size >> 8) & 0xFF), int(size & 0xFF)});
+    out.insert(out.end(), type.begin(), type.end());
+    out.insert(out.end(), content.begin(), content.end());
+    return out;
+}
+
+std::vector<uint8_t> box(const std::string& type, const std::vector<uint8_t>& content)
+{
+    return box(type, std::string(content.begin(), content.end()));
+}
+
+// A data box: type indicator, locale, value.
+std::vector<uint8_t> data(int type, const std::string& value, uint32_t locale = 0)
+{
+    std::string content {'\0', '\0', '\0', char(type), char(locale >> 24), char(locale >> 16), char(locale >> 8),
+                         char(locale)};
+    return box("data", content + value);
+}
+
+MP4Tags fullTags()
+{
+    MP4Tags tags;
+    tags.name = "Name \xc3\xa9";
+    tags.artist = "Artist";
+    tags.albumArtist = "Album Artist";
+    tags.album = "Album";
+    tags.grouping = "Grouping";
+    tags.composer = "Composer";
+    tags.comments = "Comment";
+    tags.genre = "Drama";
+    tags.genreType = 18;
+    tags.releaseDate = "2020-05-01T10:00:00Z";
+    tags.track = MP4TagTrack {3, 12};
+    tags.disk = MP4TagDisk {1, 2};
+    tags.tempo = 120;
+    tags.compilation = true;
+    tags.tvShow = "Show";
+    tags.tvNetwork = "Network";
+    tags.tvEpisodeID = "S01E02";
+    tags.tvSeason = 70000; // needs all 32 bits
+    tags.tvEpisode = 2;
+    tags.description = "Short";
+    tags.longDescription = std::string(3000, 'x');
+    tags.lyrics = "La la";
+    tags.seasonDescription = "Season";
+    tags.sortName = "Name";
+    tags.sortArtist = "Artist, The";
+    tags.sortAlbumArtist = "AA";
+    tags.sortAlbum = "SA";
+    tags.sortComposer = "SC";
+    tags.sortTVShow = "SS";
+    tags.artwork = {{{0xFF, 0xD8, 0xFF, 0xE0, 1, 2}, MP4_ART_JPEG}, {{0x89, 'P', 'N', 'G', 13, 10, 26, 10, 0}, MP4_ART_PNG}};
+    tags.copyright = "(c) someone";
+    tags.encodingTool = "tool";
+    tags.encodedBy = "me";
+    tags.purchaseDate = "2021-01-02T10:00:00Z";
+    tags.podcast = false;
+    tags.podcastURL = "http://example.com/feed";
+    tags.podcastGUID = "guid-1";
+    tags.keywords = "k1, k2";
+    tags.category = "cat";
+    tags.hdVideo = 2;
+    tags.mediaType = 10;
+    tags.contentRating = 4;
+    tags.gapless = true;
+    tags.iTunesAccount = "";
+    tags.iTunesAccountType = 1;
+    tags.iTunesCountry = 143441;
+    tags.contentID = 0xFFFFFFF0u;
+    tags.artistID = 7;
+    tags.playlistID = 0x0123456789ABCDEFull;
+    tags.genreID = 4405;
+    tags.composerID = 9;
+    tags.xid = "vendor:isrc:1";
+    return tags;
+}
+
+MP4ItmfItemList roundTrip(const MP4ItmfItemList& items) { return MP4ItmfParseItems(MP4ItmfSerializeItems(items)); }
+
+} // namespace
+
+TEST(MP4TagsCodec, EveryFieldSurvivesStoreSerializeParseFetch)
+{
+    const MP4Tags tags = fullTags();
+    MP4ItmfItemList items;
+    MP4TagsStore(tags, items);
+    EXPECT_EQ(items.size(), MP4TagFields().size());
+
+    MP4Tags back;
+    MP4TagsFetch(back, roundTrip(items));
+    EXPECT_EQ(back, tags);
+}
+
+TEST(MP4TagsCodec, ItemsHaveTheLayoutOtherReadersExpect)
+{
+    MP4Tags tags;
+    tags.name = "Hi";
+    tags.track = MP4TagTrack {3, 12};
+    tags.disk = MP4TagDisk {1, 2};
+    tags.genreType = 18;
+    tags.mediaType = 9;
+    tags.playlistID = 5;
+    MP4ItmfItemList items;
+    MP4TagsStore(tags, items);
+    const std::vector<uint8_t> ilst = MP4ItmfSerializeItems(items);
+
+    std::vector<uint8_t> expected;
+    // ©nam: UTF-8 (type 1), locale 0.
+    append(expected, bytes({0, 0, 0, 26, 0xA9, 'n', 'a', 'm', 0, 0, 0, 18, 'd', 'a', 't', 'a', 0, 0, 0, 1, 0, 0, 0, 0,
+                            'H', 'i'}));
+    // gnre: implicit type, 16 bits.
+    append(expected, bytes({0, 0, 0, 26, 'g', 'n', 'r', 'e', 0, 0, 0, 18, 'd', 'a', 't', 'a', 0, 0, 0, 0, 0, 0, 0, 0,
+                            0, 18}));
+    // trkn: reserved, index, total, reserved; disk without the last two bytes.
+    append(expected, bytes({0, 0, 0, 32, 't', 'r', 'k', 'n', 0, 0, 0, 24, 'd', 'a', 't', 'a', 0, 0, 0, 0, 0, 0, 0, 0,
+                            0, 0, 0, 3, 0, 12, 0, 0}));
+    append(expected, bytes({0, 0, 0, 30, 'd', 'i', 's', 'k', 0, 0, 0, 22, 'd', 'a', 't', 'a', 0, 0, 0, 0, 0, 0, 0, 0,
+                            0, 0, 0, 1, 0, 2}));
+    // stik: integer type 21, one byte.
+    append(expected, bytes({0, 0, 0, 25, 's', 't', 'i', 'k', 0, 0, 0, 17, 'd', 'a', 't', 'a', 0, 0, 0, 21, 0, 0, 0, 0,
+                            9}));
+    // plID: integer type 21, eight bytes.
+    append(expected, bytes({0, 0, 0, 32, 'p', 'l', 'I', 'D', 0, 0, 0, 24, 'd', 'a', 't', 'a', 0, 0, 0, 21, 0, 0, 0, 0,
+                            0, 0, 0, 0, 0, 0, 0, 5}));
+    EXPECT_EQ(ilst, expected);
+}
+
+TEST(MP4TagsCodec, StoreRewritesOnlyWhatChanged)
+{
+    // Items as another tool may write them: ©nam with a locale, tmpo in one
+    // byte, akID, an unknown code, and an unknown free-form item with an
+    // extra child box.
+    std::vector<uint8_t> ilst;
+    append(ilst, box("\xa9nam", data(1, "Old", 0x12340000)));
+    append(ilst, box("tmpo", data(21, "\x63")));
+    append(ilst, box("akID", data(21, "\x01")));
+    append(ilst, box("zzzz", data(1, "qq")));
+    std::vector<uint8_t> freeForm = box("mean", std::string(4, '\0') + "org.xy");
+    append(freeForm, box("name", std::string(4, '\0') + "KEY"));
+    append(freeForm, box("xtra", "\xab\xcd\xef"));
+    append(freeForm, data(1, "v"));
+    append(ilst, box("----", std::string(freeForm.begin(), freeForm.end())));
+    const MP4ItmfItemList items = MP4ItmfParseItems(ilst);
+    ASSERT_EQ(items.size(), 5u);
+    ASSERT_EQ(MP4ItmfSerializeItems(items), ilst) << "unchanged items are written back as read";
+
+    MP4Tags tags;
+    MP4TagsFetch(tags, items);
+    EXPECT_EQ(tags.name, "Old");
+    EXPECT_EQ(tags.tempo, 99);
+    EXPECT_EQ(tags.iTunesAccountType, 1);
+
+    // Same value: not rewritten (the locale stays). Changed: rewritten in place.
+    MP4ItmfItemList same = items;
+    MP4TagsStore(tags, same);
+    EXPECT_EQ(MP4ItmfSerializeItems(same), ilst);
+
+    tags.name = "New";
+    tags.artist = "Added";
+    MP4ItmfItemList changed = items;
+    MP4TagsStore(tags, changed);
+    ASSERT_EQ(changed.size(), 6u);
+    EXPECT_EQ(changed[0].code, "\xa9nam");
+    EXPECT_EQ(changed[1].code, "tmpo");
+    EXPECT_EQ(changed[5].code, "\xa9" "ART");
+    const std::vector<uint8_t> written = MP4ItmfSerializeItems(changed);
+    const std::vector<uint8_t> untouched(ilst.begin() + 27, ilst.end()); // all but ©nam
+    EXPECT_NE(std::search(written.begin(), written.end(), untouched.begin(), untouched.end()), written.end())
+        << "tmpo, akID, the unknown and the free-form item keep their bytes";
+
+    // Unset fields remove their items, the others stay.
+    MP4Tags cleared = tags;
+    cleared.name.reset();
+    cleared.tempo.reset();
+    MP4ItmfItemList removed = items;
+    MP4TagsStore(cleared, removed);
+    for (const MP4ItmfItem& item : removed) {
+        EXPECT_NE(item.code, "\xa9nam");
+        EXPECT_NE(item.code, "tmpo");
+    }
+    EXPECT_EQ(removed.size(), 4u);
+}
+
+TEST(MP4TagsCodec, ToleratesOddValues)
+{
+    MP4ItmfItemList items;
+    MP4ItmfItem wideStik;
+    wideStik.code = "stik";
+    wideStik.dataList.push_back({0, MP4_ITMF_BT_INTEGER, 0, {0, 0, 0, 10}}); // 32-bit where 8 are usual
+    items.push_back(wideStik);
+    MP4ItmfItem shortTrack;
+    shortTrack.code = "trkn";
+    shortTrack.dataList.push_back({0, 0, 0, {0, 0, 0, 4}}); // index only
+    items.push_back(shortTrack);
+    MP4ItmfItem brokenDisk;
+    brokenDisk.code = "disk";
+    brokenDisk.dataList.push_back({0, 0, 0, {0, 1}});
+    items.push_back(brokenDisk);
+    MP4ItmfItem untypedCover;
+    untypedCover.code = "covr";
+    untypedCover.dataList.push_back({0, 0, 0, {'B', 'M', 0, 0}});
+    items.push_back(untypedCover);
+
+    MP4Tags tags;
+    MP4TagsFetch(tags, items);
+    EXPECT_EQ(tags.mediaType, 10);
+    EXPECT_EQ(tags.track, (MP4TagTrack {4, 0}));
+    EXPECT_FALSE(tags.disk.has_value());
+    ASSERT_EQ(tags.artwork.size(), 1u);
+    EXPECT_EQ(tags.artwork[0].type, MP4_ART_BMP);
+
+    // A store of what was fetched leaves the unreadable disk item alone.
+    MP4ItmfItemList stored = items;
+    MP4TagsStore(tags, stored);
+    EXPECT_EQ(stored.size(), 4u);
+    EXPECT_EQ(stored[2].dataList[0].value, brokenDisk.dataList[0].value);
+}
+
+TEST(MP4ItmfCodec, FreeFormItemsByMeaningAndName)
+{
+    MP4ItmfItemList items;
+    items.push_back(MP4ItmfItemAlloc("com.apple.iTunes", "iTunEXTC", "mpaa|PG-13|300|"));
+    items.push_back(MP4ItmfItemAlloc("com.apple.iTunes", "iTunMOVI", "<plist/>"));
+    items.push_back(MP4ItmfItemAlloc("org.example", "iTunMOVI", "other"));
+
+    const MP4ItmfItemList parsed = roundTrip(items);
+    ASSERT_EQ(parsed.size(), 3u);
+    EXPECT_EQ(MP4ItmfGetItemsByMeaning(parsed, "com.apple.iTunes").size(), 2u);
+    const MP4ItmfItemList movi = MP4ItmfGetItemsByMeaning(parsed, "com.apple.iTunes", "iTunMOVI");
+    ASSERT_EQ(movi.size(), 1u);
+    EXPECT_EQ(movi[0].dataList[0].typeCode, MP4_ITMF_BT_UTF8);
+    EXPECT_EQ(std::string(movi[0].dataList[0].value.begin(), movi[0].dataList[0].value.end()), "<plist/>");
+
+    MP4ItmfItemList edited = parsed;
+    EXPECT_TRUE(MP4ItmfRemoveItem(edited, movi[0]));
+    EXPECT_FALSE(MP4ItmfRemoveItem(edited, movi[0]));
+    EXPECT_EQ(edited.size(), 2u);
+    EXPECT_EQ(MP4ItmfGetItemsByMeaning(edited, "org.example", "iTunMOVI").size(), 1u);
+}
+
+TEST(MP4ItmfCodec, DamagedTailIsKeptAsItWas)
+{
+    std::vector<uint8_t> ilst = bytes({0, 0, 0, 26, 0xA9, 'n', 'a', 'm', 0, 0, 0, 18, 'd', 'a', 't', 'a', 0, 0, 0, 1, 0,
+                                       0, 0, 0, 'H', 'i'});
+    // An item that claims more bytes than there are.
+    append(ilst, bytes({0, 0, 1, 0, 'b', 'a', 'd', '!', 1, 2, 3}));
+    const MP4ItmfItemList items = MP4ItmfParseItems(ilst);
+    ASSERT_EQ(items.size(), 2u);
+    EXPECT_TRUE(items[1].code.empty());
+    EXPECT_EQ(MP4ItmfSerializeItems(items), ilst);
+
+    // Zero padding after the items is dropped quietly.
+    std::vector<uint8_t> padded(ilst.begin(), ilst.begin() + 26);
+    padded.resize(40, 0);
+    EXPECT_EQ(MP4ItmfParseItems(padded).size(), 1u);
+
+    // A data box too short for its type and locale makes the item damaged.
+    const auto shortData = bytes({0, 0, 0, 20, 'c', 'p', 'i', 'l', 0, 0, 0, 12, 'd', 'a', 't', 'a', 0, 0, 0, 21});
+    EXPECT_FALSE(MP4ItmfParseItem(shortData).has_value());
+}
+
+TEST(MP4ItmfCodec, CodesAsText)
+{
+    EXPECT_EQ(MP4ItmfCodeToText("\xa9nam"), "\xc2\xa9nam");
+    EXPECT_EQ(MP4ItmfCodeToText(std::string("a\x01" "bc", 4)), "a\\x01bc");
+    EXPECT_EQ(MP4ItmfCodeFromText("\xc2\xa9nam"), "\xa9nam");
+    EXPECT_EQ(MP4ItmfCodeFromText("\\xa9nam"), "\xa9nam");
+    EXPECT_EQ(MP4ItmfCodeFromText("xid "), "xid ");
+    EXPECT_FALSE(MP4ItmfCodeFromText("name!").has_value());
+    EXPECT_FALSE(MP4ItmfCodeFromText("\\xg9nam").has_value());
+    EXPECT_EQ(MP4TagFieldForCode("\xa9" "day")->code, std::string("\xa9" "day"));
+    EXPECT_EQ(MP4TagFieldForCode("nope"), nullptr);
+}
