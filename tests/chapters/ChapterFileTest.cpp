@@ -1,0 +1,354 @@
+#include <gtest/gtest.h>
+
+#include <cstdio>
+
+#include "qxmedia/core/QXMedia.h"
+#include "qxmedia/core/QXTimeFormat.h"
+#include "qxmedia/source/QXChapterTrack.h"
+#include "support/TestMedia.h"
+
+using namespace qx;
+
+namespace {
+
+struct Entry {
+    std::string title;
+    int64_t milliseconds;
+};
+
+std::string xmlEscaped(const std::string& text)
+{
+    std::string out;
+    for (char c : text) {
+        switch (c) {
+        case '&': out += "&amp;"; break;
+        case '<': out += "&lt;"; break;
+        case '>': out += "&gt;"; break;
+        case '"': out += "&quot;"; break;
+        default: out += c;
+        }
+    }
+    return out;
+}
+
+std::string smpte(int64_t milliseconds)
+{
+    return CMTimeCopySmpteDescription(CMTimeMake(milliseconds, 1000));
+}
+
+// The three file forms, written the way the tools that make them do.
+std::string chaptersFile(const std::vector<Entry>& entries)
+{
+    std::string text = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<chapterInfo>\n  <chapters>\n";
+    for (const Entry& e : entries)
+        text += "    <chapter name=\"" + xmlEscaped(e.title) + "\" time=\"" + smpte(e.milliseconds) + "\"/>\n";
+    return text + "  </chapters>\n</chapterInfo>\n";
+}
+
+std::string matroskaFile(const std::vector<Entry>& entries)
+{
+    std::string text = "<?xml version=\"1.0\"?>\n<!DOCTYPE Chapters SYSTEM \"matroskachapters.dtd\">\n<Chapters>\n"
+                       "  <EditionEntry>\n";
+    for (const Entry& e : entries) {
+        char nanoseconds[16];
+        std::snprintf(nanoseconds, sizeof nanoseconds, "%09lld", (long long)(e.milliseconds % 1000) * 1000000);
+        text += "    <ChapterAtom>\n      <ChapterTimeStart>" + smpte(e.milliseconds).substr(0, 8) + "." +
+                nanoseconds + "</ChapterTimeStart>\n      <ChapterDisplay>\n        <ChapterString>" +
+                xmlEscaped(e.title) + "</ChapterString>\n        <ChapterLanguage>eng</ChapterLanguage>\n"
+                "      </ChapterDisplay>\n    </ChapterAtom>\n";
+    }
+    return text + "  </EditionEntry>\n</Chapters>\n";
+}
+
+std::string ogmFile(const std::vector<Entry>& entries, const char* newline)
+{
+    std::string text;
+    for (size_t i = 0; i < entries.size(); ++i) {
+        char number[24];
+        std::snprintf(number, sizeof number, "%02zu", i + 1);
+        text += std::string("CHAPTER") + number + "=" + smpte(entries[i].milliseconds) + newline;
+        text += std::string("CHAPTER") + number + "NAME=" + entries[i].title + newline;
+    }
+    return text;
+}
+
+std::string timedLinesFile(const std::vector<Entry>& entries)
+{
+    std::string text;
+    for (const Entry& e : entries) text += smpte(e.milliseconds) + " " + e.title + "\n";
+    return text;
+}
+
+std::vector<Entry> entriesOf(const QXChapterTrack& track)
+{
+    std::vector<Entry> entries;
+    for (const auto& chapter : track.chapters) {
+        // Times read from files are in milliseconds; only the filler is not.
+        if (CMTimeCompare(chapter->timestamp, kCMTimeZero) != 0) {
+            EXPECT_EQ(chapter->timestamp.timescale, 1000) << chapter->description();
+        }
+        const CMTime ms = CMTimeConvertScale(chapter->timestamp, 1000, kCMTimeRoundingMethod_Default);
+        entries.push_back({chapter->title.value_or("<none>"), ms.value});
+    }
+    return entries;
+}
+
+bool operator==(const Entry& a, const Entry& b)
+{
+    return a.title == b.title && a.milliseconds == b.milliseconds;
+}
+
+std::ostream& operator<<(std::ostream& out, const Entry& e)
+{
+    return out << e.milliseconds << " '" << e.title << "'";
+}
+
+const std::vector<Entry> kSample = {
+    {"Opening", 0},
+    {"Déjà vu & <more> \"quoted\"", 61500},
+    {"日本語の章", 3723005},
+    {"Late", 23 * 3600000 + 59 * 60000 + 59999},
+};
+
+} // namespace
+
+class ChapterFiles : public ::testing::Test {
+protected:
+    void SetUp() override { dir = qxtest::makeTempDir("chapter-files"); }
+    void TearDown() override { std::filesystem::remove_all(dir); }
+
+    std::filesystem::path write(const std::string& name, const std::string& content)
+    {
+        auto path = dir / name;
+        qxtest::writeFile(path, content);
+        return path;
+    }
+
+    std::filesystem::path dir;
+};
+
+TEST_F(ChapterFiles, EachFormatReadsBackWhatWasWritten)
+{
+    struct Form {
+        std::string name;
+        std::string content;
+        std::vector<Entry> expected;
+    };
+    std::vector<Entry> withBlank; // the timed-lines form keeps the blank after the time
+    for (const Entry& e : kSample) withBlank.push_back({" " + e.title, e.milliseconds});
+    const std::vector<Form> forms = {
+        {"a.chapters", chaptersFile(kSample), kSample},
+        {"a.xml", matroskaFile(kSample), kSample},
+        {"ogm.txt", ogmFile(kSample, "\n"), kSample},
+        {"ogm-crlf.txt", ogmFile(kSample, "\r\n"), kSample},
+        {"lines.txt", timedLinesFile(kSample), withBlank},
+    };
+    for (const Form& form : forms) {
+        SCOPED_TRACE(form.name);
+        auto track = QXChapterTrack::init();
+        QXErrorRef error;
+        EXPECT_TRUE(track->importChaptersFromURL(write(form.name, form.content), &error));
+        EXPECT_FALSE(error);
+        EXPECT_EQ(entriesOf(*track), form.expected);
+        EXPECT_EQ(track->trackID, 0);
+        EXPECT_TRUE(track->originalChapters.empty());
+    }
+}
+
+TEST_F(ChapterFiles, ImportReplacesTheListButNotTheOriginal)
+{
+    auto track = QXChapterTrack::init();
+    track->addChapter("Old", kCMTimeZero);
+    track->originalChapters.push_back(track->chapters[0]->copy());
+    ASSERT_FALSE(track->isModified());
+
+    // A first chapter after zero brings the filler, as any add does.
+    EXPECT_TRUE(track->importChaptersFromURL(write("late.chapters", chaptersFile({{"Late start", 5000}}))));
+    EXPECT_EQ(entriesOf(*track), (std::vector<Entry> {{"Chapter 1", 0}, {"Late start", 5000}}));
+    EXPECT_EQ(track->originalChapters.size(), 1u);
+    EXPECT_TRUE(track->isModified());
+
+    // Even a failed or unknown import leaves the list empty.
+    EXPECT_FALSE(track->importChaptersFromURL(dir / "missing.xml"));
+    EXPECT_EQ(track->chapterCount(), 0u);
+    track->addChapter("Again", kCMTimeZero);
+    EXPECT_FALSE(track->importChaptersFromURL(write("a.srt", timedLinesFile(kSample))));
+    EXPECT_EQ(track->chapterCount(), 0u);
+}
+
+TEST_F(ChapterFiles, ExtensionsAreCaseSensitive)
+{
+    const auto content = chaptersFile(kSample);
+    for (const char* name : {"a.XML", "a.Chapters", "a.TXT", "chapters", "a.chapters.bak"}) {
+        auto track = QXChapterTrack::init();
+        QXErrorRef error;
+        EXPECT_FALSE(track->importChaptersFromURL(write(name, content), &error)) << name;
+        EXPECT_FALSE(error) << name;
+        EXPECT_EQ(track->chapterCount(), 0u) << name;
+    }
+    // The readers themselves do not look at the name.
+    auto track = QXChapterTrack::init();
+    EXPECT_TRUE(track->importChaptersFromChapters(dir / "a.XML"));
+    EXPECT_EQ(track->chapterCount(), kSample.size());
+}
+
+TEST_F(ChapterFiles, XmlNodesWithoutOneTimeAreSkipped)
+{
+    const auto path = write("odd.xml", R"(<?xml version="1.0" encoding="UTF-8"?>
+<Chapters>
+  <EditionEntry>
+    <ChapterAtom><ChapterTimeStart>00:00:00.000</ChapterTimeStart>
+      <ChapterDisplay><ChapterString><![CDATA[First <raw>]]></ChapterString></ChapterDisplay>
+      <ChapterDisplay><ChapterString>Premier</ChapterString></ChapterDisplay>
+      <ChapterAtom><ChapterTimeStart>00:00:01.000</ChapterTimeStart></ChapterAtom>
+    </ChapterAtom>
+    <ChapterAtom><ChapterDisplay><ChapterString>No time</ChapterString></ChapterDisplay></ChapterAtom>
+    <ChapterAtom><ChapterTimeStart/><ChapterDisplay><ChapterString>Empty time</ChapterString></ChapterDisplay></ChapterAtom>
+    <ChapterAtom><ChapterTimeStart>00:00:02.000</ChapterTimeStart><ChapterTimeStart>00:00:03.000</ChapterTimeStart>
+      <ChapterDisplay><ChapterString>Two times</ChapterString></ChapterDisplay></ChapterAtom>
+    <ChapterAtom><ChapterTimeStart>00:00:04.5</ChapterTimeStart></ChapterAtom>
+  </EditionEntry>
+  <EditionEntry>
+    <ChapterAtom><ChapterTimeStart>00:01:00.000000000</ChapterTimeStart>
+      <ChapterDisplay><ChapterString>Second edition</ChapterString></ChapterDisplay></ChapterAtom>
+  </EditionEntry>
+</Chapters>
+)");
+    auto track = QXChapterTrack::init();
+    EXPECT_TRUE(track->importChaptersFromURL(path));
+    // Nested atoms are not on the path; an atom without a display has no title.
+    EXPECT_EQ(entriesOf(*track),
+              (std::vector<Entry> {{"First <raw>", 0}, {"<none>", 4500}, {"Second edition", 60000}}));
+
+    const auto attributes = write("odd.chapters", R"(<chapterInfo><chapters>
+  <chapter time="00:00:10.000"/>
+  <chapter name="no time"/>
+  <chapter name="Ten" time="00:00:10.000"><chapter name="nested" time="00:00:20.000"/></chapter>
+</chapters><chapters><chapter name="Later list" time="00:00:30.000"/></chapters></chapterInfo>)");
+    EXPECT_TRUE(track->importChaptersFromURL(attributes));
+    EXPECT_EQ(entriesOf(*track), (std::vector<Entry> {{"Chapter 1", 0}, {"<none>", 10000}, {"Ten", 10000},
+                                                      {"Later list", 30000}}));
+}
+
+TEST_F(ChapterFiles, BadTimesAreLoggedAndKept)
+{
+    qxtest::LogCapture capture;
+    auto track = QXChapterTrack::init();
+    EXPECT_TRUE(track->importChaptersFromURL(
+        write("bad.chapters", R"(<chapterInfo><chapters><chapter name="Broken" time="12:34"/></chapters></chapterInfo>)")));
+    EXPECT_TRUE(capture.contains("Failed to parse Timestamp 12:34!", QXLogFlagWarning));
+    // An unreadable time is an invalid one; the list still begins at zero.
+    ASSERT_EQ(track->chapterCount(), 2u);
+    EXPECT_EQ(track->chapters[0]->title, "Chapter 1");
+    EXPECT_EQ(track->chapters[1]->title, "Broken");
+    EXPECT_FALSE(CMTIME_IS_VALID(track->chapters[1]->timestamp));
+}
+
+TEST_F(ChapterFiles, FilesWithoutChaptersAnswerFalseWithoutError)
+{
+    for (const auto& [name, content] : std::vector<std::pair<std::string, std::string>> {
+             {"empty.chapters", "<chapterInfo><chapters/></chapterInfo>"},
+             {"other-root.xml", "<Tags><Tag/></Tags>"},
+             {"empty.txt", ""},
+             {"prose.txt", "Some notes\nabout 1:02:03 and\nCHAPTER lines missing\n"},
+         }) {
+        auto track = QXChapterTrack::init();
+        QXErrorRef error;
+        EXPECT_FALSE(track->importChaptersFromURL(write(name, content), &error)) << name;
+        EXPECT_FALSE(error) << name;
+    }
+}
+
+TEST_F(ChapterFiles, UnreadableFilesReportAnError)
+{
+    qxtest::LogCapture capture;
+    for (const char* name : {"missing.chapters", "missing.xml", "missing.txt"}) {
+        auto track = QXChapterTrack::init();
+        QXErrorRef error;
+        EXPECT_FALSE(track->importChaptersFromURL(dir / name, &error)) << name;
+        ASSERT_TRUE(error) << name;
+        EXPECT_EQ(error->domain(), NSCocoaErrorDomain);
+        EXPECT_EQ(error->code(), 260) << name; // no such file
+    }
+    for (const char* name : {"broken.chapters", "broken.xml"}) {
+        auto track = QXChapterTrack::init();
+        QXErrorRef error;
+        EXPECT_FALSE(track->importChaptersFromURL(write(name, "<chapterInfo><chapters>"), &error)) << name;
+        ASSERT_TRUE(error) << name;
+        EXPECT_EQ(error->code(), 259) << name; // damaged content
+        EXPECT_EQ(track->chapterCount(), 0u);
+    }
+    // Every error is logged as it is made.
+    EXPECT_TRUE(capture.contains("missing.txt", QXLogFlagError));
+}
+
+TEST_F(ChapterFiles, TextFormsToleratePartialAndMalformedLines)
+{
+    // OGM pairs: a time whose name line is missing pairs with nothing; extra
+    // text around the pairs is ignored; letters are matched in any case.
+    auto track = QXChapterTrack::init();
+    EXPECT_TRUE(track->importChaptersFromURL(write("ogm.txt", "CHAPTER01=00:00:00.000\n"
+                                                              "CHAPTER01NAME=Intro\n"
+                                                              "\n"
+                                                              "CHAPTER02=00:05:00.000\n"
+                                                              "a stray line\n"
+                                                              "CHAPTER03=00:10:00.250\n"
+                                                              "\n\r\n"
+                                                              "chapter03name=\n"
+                                                              "CHAPTER04=00:20:00.000\n")));
+    EXPECT_EQ(entriesOf(*track), (std::vector<Entry> {{"Intro", 0}, {"", 600250}}));
+
+    // Timed lines: any one character between the fields, exactly three
+    // digits of milliseconds; other lines are passed over.
+    EXPECT_TRUE(track->importChaptersFromURL(write("lines.txt", "# exported chapters\n"
+                                                                "00:00:00.000 Start\n"
+                                                                "0:01:00.000 one-digit hour\n"
+                                                                "00:02:00.00 two-digit milliseconds\n"
+                                                                "00.03.00.500\tTabbed\n"
+                                                                "00:04:00.0005 four digits\n"
+                                                                "  00:05:00.000 indented\n")));
+    EXPECT_EQ(entriesOf(*track), (std::vector<Entry> {{" Start", 0}, {"\tTabbed", 180500}, {"5 four digits", 240000}}));
+}
+
+TEST_F(ChapterFiles, TextEncodingsAreDetected)
+{
+    const std::string ogm = ogmFile({{"Café crème", 0}, {"Übersicht", 90000}}, "\r\n");
+    const std::vector<Entry> expected = {{"Café crème", 0}, {"Übersicht", 90000}};
+
+    // UTF-16 with a byte order mark, little and big endian.
+    for (bool little : {true, false}) {
+        std::string bytes = little ? "\xFF\xFE" : "\xFE\xFF";
+        std::u16string wide;
+        const std::string decoded = ogm;
+        for (size_t i = 0; i < decoded.size();) { // the sample has only two-byte UTF-8 sequences
+            char16_t unit = uint8_t(decoded[i]);
+            if (unit >= 0x80) {
+                unit = char16_t(((unit & 0x1F) << 6) | (uint8_t(decoded[i + 1]) & 0x3F));
+                i += 2;
+            } else {
+                ++i;
+            }
+            wide += unit;
+        }
+        for (char16_t unit : wide) {
+            const char low = char(unit & 0xFF), high = char(unit >> 8);
+            bytes += little ? std::string {low, high} : std::string {high, low};
+        }
+        auto track = QXChapterTrack::init();
+        EXPECT_TRUE(track->importChaptersFromURL(write(little ? "le.txt" : "be.txt", bytes)));
+        EXPECT_EQ(entriesOf(*track), expected) << (little ? "UTF-16LE" : "UTF-16BE");
+    }
+
+    // UTF-8 with a byte order mark still begins with CHAPTER once decoded.
+    auto track = QXChapterTrack::init();
+    EXPECT_TRUE(track->importChaptersFromURL(write("bom.txt", "\xEF\xBB\xBF" + ogm)));
+    EXPECT_EQ(entriesOf(*track), expected);
+
+    // A single-byte Western file that is no valid UTF-8.
+    std::string latin1 = "00:00:00.000 Caf\xE9 cr\xE8me et \xE9t\xE9 \xE0 la fran\xE7" "aise, d\xE9j\xE0 vu\n"
+                         "00:01:30.000 \xDC" "bersicht f\xFCr die Gro\xDF" "en und Kleinen\n";
+    EXPECT_TRUE(track->importChaptersFromURL(write("latin1.txt", latin1)));
+    EXPECT_EQ(entriesOf(*track),
+              (std::vector<Entry> {{" Café crème et été à la française, déjà vu", 0},
+                                   {" Übersicht für die Großen und Kleinen", 90000}}));
+}
