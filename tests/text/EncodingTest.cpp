@@ -1,0 +1,191 @@
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "qxmedia/platform/text/QXLanguageDetection.h"
+#include "qxmedia/platform/text/QXStringEncoding.h"
+#include "support/TestMedia.h"
+
+namespace {
+
+// Independent encoders for the fixtures, so detection is not checked
+// against its own conversion code.
+QXData utf16(const std::u16string& text, bool bigEndian, bool mark)
+{
+    QXData out;
+    auto put = [&](char16_t unit) {
+        const uint8_t hi = uint8_t(unit >> 8), lo = uint8_t(unit & 0xFF);
+        if (bigEndian) out.insert(out.end(), {hi, lo});
+        else out.insert(out.end(), {lo, hi});
+    };
+    if (mark) put(0xFEFF);
+    for (char16_t unit : text) put(unit);
+    return out;
+}
+
+QXData utf32(const std::u32string& text, bool bigEndian, bool mark)
+{
+    QXData out;
+    auto put = [&](char32_t c) {
+        const uint8_t b[4] = {uint8_t(c), uint8_t(c >> 8), uint8_t(c >> 16), uint8_t(c >> 24)};
+        if (bigEndian) out.insert(out.end(), {b[3], b[2], b[1], b[0]});
+        else out.insert(out.end(), {b[0], b[1], b[2], b[3]});
+    };
+    if (mark) put(0xFEFF);
+    for (char32_t c : text) put(c);
+    return out;
+}
+
+QXData bytes(std::string_view text) { return QXData(text.begin(), text.end()); }
+
+// A subtitle file as it is found in the wild: mostly ASCII, some accents.
+const std::u16string kSubtitle16 =
+    u"1\r\n00:00:01,000 --> 00:00:03,500\r\nÜber den Wolken muss die Freiheit grenzenlos sein.\r\n\r\n"
+    u"2\r\n00:00:04,000 --> 00:00:06,000\r\nC'est déjà l'été, à bientôt!\r\n";
+const std::string kSubtitle8 =
+    "1\r\n00:00:01,000 --> 00:00:03,500\r\nÜber den Wolken muss die Freiheit grenzenlos sein.\r\n\r\n"
+    "2\r\n00:00:04,000 --> 00:00:06,000\r\nC'est déjà l'été, à bientôt!\r\n";
+
+} // namespace
+
+TEST(EncodingDetection, WideUnicodeWithAndWithoutByteOrderMark)
+{
+    const std::u32string text32(kSubtitle16.begin(), kSubtitle16.end());
+    struct Case {
+        const char* name;
+        QXData data;
+        NSStringEncoding expected;
+    };
+    const Case cases[] = {
+        {"UTF-16LE+BOM", utf16(kSubtitle16, false, true), NSUTF16LittleEndianStringEncoding},
+        {"UTF-16BE+BOM", utf16(kSubtitle16, true, true), NSUTF16BigEndianStringEncoding},
+        {"UTF-16LE", utf16(kSubtitle16, false, false), NSUTF16LittleEndianStringEncoding},
+        {"UTF-16BE", utf16(kSubtitle16, true, false), NSUTF16BigEndianStringEncoding},
+        {"UTF-32LE+BOM", utf32(text32, false, true), NSUTF32LittleEndianStringEncoding},
+        {"UTF-32BE+BOM", utf32(text32, true, true), NSUTF32BigEndianStringEncoding},
+        {"UTF-32LE", utf32(text32, false, false), NSUTF32LittleEndianStringEncoding},
+        {"UTF-32BE", utf32(text32, true, false), NSUTF32BigEndianStringEncoding},
+        // Cyrillic has no zero bytes at all in UTF-16, only a steady high byte.
+        {"UTF-16LE Cyrillic", utf16(u"Привет, как дела? Это проверка кодировки без метки порядка байтов.", false, false),
+         NSUTF16LittleEndianStringEncoding},
+    };
+    for (const Case& c : cases) {
+        std::string decoded;
+        bool lossy = true;
+        const NSStringEncoding encoding = QXStringEncodingForData(c.data, &decoded, &lossy);
+        EXPECT_EQ(encoding, c.expected) << c.name;
+        EXPECT_TRUE(QXIsWideUnicodeEncoding(encoding)) << c.name;
+        EXPECT_FALSE(lossy) << c.name;
+        if (std::string_view(c.name).find("Cyrillic") == std::string_view::npos) {
+            EXPECT_EQ(decoded, kSubtitle8) << c.name; // the mark is no part of the text
+        } else {
+            EXPECT_EQ(decoded.substr(0, 12), "Привет");
+        }
+    }
+}
+
+TEST(EncodingDetection, UTF8AndEightBitEncodings)
+{
+    std::string decoded;
+    EXPECT_EQ(QXStringEncodingForData(bytes(kSubtitle8), &decoded), NSUTF8StringEncoding);
+    EXPECT_EQ(decoded, kSubtitle8);
+    EXPECT_EQ(QXStringEncodingForData(bytes("\xEF\xBB\xBF" + kSubtitle8), &decoded), NSUTF8StringEncoding);
+    EXPECT_EQ(decoded, kSubtitle8);
+    EXPECT_EQ(QXStringEncodingForData(bytes("plain ascii text\n"), &decoded), NSUTF8StringEncoding);
+
+    // German with umlauts and a euro sign in windows-1252: the Latin-1 family.
+    const std::string german = "Die Bäume blühen, die Vögel singen. Größer wird's nicht: 5 € für Müller. "
+                               "Schöne Grüße aus Köln, über die Brücke und zurück.\n";
+    const std::optional<QXData> cp1252 = QXDataFromString(german, NSWindowsCP1252StringEncoding);
+    ASSERT_TRUE(cp1252);
+    EXPECT_EQ(cp1252->size(), size_t(QXCharacterCount(german)));
+    const NSStringEncoding latin = QXStringEncodingForData(*cp1252, &decoded);
+    EXPECT_TRUE(latin == NSWindowsCP1252StringEncoding || latin == NSISOLatin1StringEncoding ||
+                latin == QXStringEncodingFromCFStringEncoding(0x020F))
+        << QXLocalizedNameOfStringEncoding(latin);
+    EXPECT_EQ(decoded.substr(0, 20), german.substr(0, 20));
+}
+
+TEST(EncodingDetection, BinaryDataIsUnknown)
+{
+    std::mt19937 random(42);
+    QXData blob(4096);
+    for (uint8_t& b : blob) b = uint8_t(random());
+    std::string decoded = "untouched";
+    EXPECT_EQ(QXStringEncodingForData(blob, &decoded), QXUnknownStringEncoding);
+    EXPECT_EQ(decoded, "untouched");
+
+    // Zeros and control bytes without any text pattern.
+    QXData controls;
+    for (int i = 0; i < 512; ++i) controls.push_back(uint8_t(i % 7 == 0 ? 0 : i % 31));
+    EXPECT_EQ(QXStringEncodingForData(controls), QXUnknownStringEncoding);
+    // An ASCII-looking file with NUL bytes in irregular places is no text either.
+    EXPECT_EQ(QXStringEncodingForData(bytes(std::string("abc\0def\0\0ghi", 12))), QXUnknownStringEncoding);
+    // An odd number of bytes cannot be UTF-16 even with zero high bytes.
+    QXData odd = utf16(u"hello world", false, false);
+    odd.push_back('x');
+    EXPECT_NE(QXStringEncodingForData(odd), NSUTF16LittleEndianStringEncoding);
+}
+
+TEST(EncodingDetection, FilesOnDisk)
+{
+    const auto dir = qxtest::makeTempDir("encoding-files");
+    const QXData data = utf16(kSubtitle16, true, false);
+    qxtest::writeFile(dir / "film.srt", std::string(data.begin(), data.end()));
+    NSStringEncoding used = 0;
+    const std::optional<std::string> text = QXStringWithContentsOfURL(dir / "film.srt", &used);
+    ASSERT_TRUE(text);
+    EXPECT_EQ(used, NSUTF16BigEndianStringEncoding);
+    EXPECT_EQ(*text, kSubtitle8);
+
+    QXErrorRef error;
+    EXPECT_FALSE(QXStringWithContentsOfURL(dir / "missing.srt", nullptr, &error));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code(), 260);
+}
+
+TEST(EncodingConversion, RoundTripsAndLossless)
+{
+    const std::string text = "Grüße, ça va? 日本語";
+    for (NSStringEncoding encoding : {NSUTF8StringEncoding, NSUnicodeStringEncoding, NSUTF16BigEndianStringEncoding,
+                                      NSUTF16LittleEndianStringEncoding, NSUTF32StringEncoding,
+                                      NSUTF32LittleEndianStringEncoding, NSUTF32BigEndianStringEncoding}) {
+        const std::optional<QXData> data = QXDataFromString(text, encoding);
+        ASSERT_TRUE(data) << encoding;
+        EXPECT_EQ(QXStringFromData(*data, encoding), text) << encoding;
+    }
+    // Latin-1 cannot hold Japanese: nothing without loss, a substitute with it.
+    EXPECT_FALSE(QXDataFromString(text, NSISOLatin1StringEncoding));
+    const std::optional<QXData> lossy = QXDataFromString(text, NSISOLatin1StringEncoding, true);
+    ASSERT_TRUE(lossy);
+    EXPECT_EQ((*lossy)[2], 0xFC); // ü
+
+    // Invalid input is refused either way.
+    EXPECT_FALSE(QXDataFromString("bad \xC3", NSUTF16LittleEndianStringEncoding, true));
+    EXPECT_FALSE(QXStringFromData(bytes("bad \xC3\x28"), NSUTF8StringEncoding));
+    EXPECT_EQ(QXStringFromData(bytes("ok \xFC"), NSISOLatin1StringEncoding), "ok ü");
+    EXPECT_FALSE(QXStringFromData(bytes("x"), 0xDEAD));
+}
+
+TEST(EncodingConversion, MacOSRoman)
+{
+    EXPECT_TRUE(QXCanBeConvertedToEncoding("Grüße aus Zürich – “quoted” ™", NSMacOSRomanStringEncoding));
+    EXPECT_EQ(QXCStringUsingEncoding("é", NSMacOSRomanStringEncoding), "\x8E");
+    EXPECT_FALSE(QXCanBeConvertedToEncoding("Привет", NSMacOSRomanStringEncoding));
+    EXPECT_FALSE(QXCanBeConvertedToEncoding("日本語", NSMacOSRomanStringEncoding));
+    EXPECT_FALSE(QXCStringUsingEncoding("Łódź", NSMacOSRomanStringEncoding));
+    EXPECT_TRUE(QXCanBeConvertedToEncoding("", NSMacOSRomanStringEncoding));
+}
+
+TEST(EncodingNames, NamesAndNumbers)
+{
+    EXPECT_EQ(QXStringEncodingForName("utf-8"), NSUTF8StringEncoding);
+    EXPECT_EQ(QXStringEncodingForName("latin1"), NSISOLatin1StringEncoding);
+    EXPECT_EQ(QXStringEncodingForName("cp1252"), NSWindowsCP1252StringEncoding);
+    EXPECT_EQ(QXStringEncodingForName("no-such-encoding"), QXUnknownStringEncoding);
+    EXPECT_EQ(QXLocalizedNameOfStringEncoding(NSUTF16LittleEndianStringEncoding), "Unicode (UTF-16LE)");
+    EXPECT_EQ(QXLocalizedNameOfStringEncoding(12345), "");
+    int wide = 0;
+    for (NSStringEncoding e = 0; e < 40; ++e) wide += QXIsWideUnicodeEncoding(e);
+    EXPECT_EQ(wide, 1); // only NSUnicodeStringEncoding among the small numbers
+}
