@@ -2,22 +2,17 @@
 // forms read with regular expressions.
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
 
 #include <pugixml.hpp>
-#include <unicode/regex.h>
-#include <unicode/ucnv.h>
-#include <unicode/ucsdet.h>
-#include <unicode/ustring.h>
-#include <unicode/unistr.h>
 #include <unistd.h>
 
 #include "qxmedia/core/QXMedia.h"
 #include "qxmedia/core/QXTimeFormat.h"
+#include "qxmedia/platform/text/QXRegularExpression.h"
+#include "qxmedia/platform/text/QXStringEncoding.h"
 #include "qxmedia/source/QXChapterTrack.h"
 
 using namespace qx;
@@ -29,7 +24,6 @@ constexpr int64_t kFileReadUnknownError = 256;
 constexpr int64_t kFileReadNoPermissionError = 257;
 constexpr int64_t kFileReadCorruptFileError = 259;
 constexpr int64_t kFileReadNoSuchFileError = 260;
-constexpr int64_t kFileReadUnknownStringEncodingError = 264;
 
 int64_t fileErrorCode(const QXURL& url)
 {
@@ -62,58 +56,6 @@ QXErrorRef xmlError(const QXURL& url, const pugi::xml_parse_result& result)
     if (code == kFileReadCorruptFileError) description += " at offset " + std::to_string(result.offset);
     return QXMedia::errorWithDomain(NSCocoaErrorDomain, code,
                                     {{NSLocalizedDescriptionKey, description}, {NSFilePathErrorKey, url}});
-}
-
-// Reads a text file in the encoding its bytes show: a byte order mark, else
-// UTF-8 when the bytes are valid UTF-8, else ICU's best guess.
-std::optional<icu::UnicodeString> readTextDetectingEncoding(const QXURL& url, QXErrorRef* error)
-{
-    std::ifstream in(url, std::ios::binary);
-    if (!in) {
-        QXSetError(error,
-                   QXMedia::errorWithDomain(NSCocoaErrorDomain, fileErrorCode(url), {{NSFilePathErrorKey, url}}));
-        return std::nullopt;
-    }
-    const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    const int32_t length = int32_t(bytes.size());
-
-    UErrorCode status = U_ZERO_ERROR;
-    int32_t signatureLength = 0;
-    const char* charset = ucnv_detectUnicodeSignature(bytes.data(), length, &signatureLength, &status);
-    if (!charset) {
-        status = U_ZERO_ERROR;
-        int32_t units = 0;
-        u_strFromUTF8(nullptr, 0, &units, bytes.data(), length, &status);
-        if (status == U_BUFFER_OVERFLOW_ERROR || U_SUCCESS(status)) return icu::UnicodeString::fromUTF8(bytes);
-    }
-    std::unique_ptr<UCharsetDetector, decltype(&ucsdet_close)> detector(nullptr, ucsdet_close);
-    if (!charset) {
-        status = U_ZERO_ERROR;
-        detector.reset(ucsdet_open(&status));
-        ucsdet_setText(detector.get(), bytes.data(), length, &status);
-        const UCharsetMatch* match = ucsdet_detect(detector.get(), &status);
-        if (match) charset = ucsdet_getName(match, &status);
-    }
-    if (!charset || U_FAILURE(status)) {
-        QXSetError(error, QXMedia::errorWithDomain(NSCocoaErrorDomain, kFileReadUnknownStringEncodingError,
-                                                   {{NSFilePathErrorKey, url}}));
-        return std::nullopt;
-    }
-    status = U_ZERO_ERROR;
-    icu::UnicodeString text(bytes.data() + signatureLength, length - signatureLength, charset);
-    if (text.isBogus()) {
-        QXSetError(error, QXMedia::errorWithDomain(NSCocoaErrorDomain, kFileReadUnknownStringEncodingError,
-                                                   {{NSFilePathErrorKey, url}}));
-        return std::nullopt;
-    }
-    return text;
-}
-
-std::string utf8(const icu::UnicodeString& text)
-{
-    std::string out;
-    text.toUTF8String(out);
-    return out;
 }
 
 } // namespace
@@ -170,28 +112,21 @@ bool QXChapterTrack::importChaptersFromXMLDocument(const QXURL& url, const char*
 
 bool QXChapterTrack::importChaptersFromTXT(const QXURL& url, QXErrorRef* error)
 {
-    const std::optional<icu::UnicodeString> text = readTextDetectingEncoding(url, error);
+    const std::optional<std::string> text = QXStringWithContentsOfURL(url, nullptr, error);
     if (!text) return false;
 
     // OGM form: pairs of CHAPTERnn=time and CHAPTERnnNAME=title lines.
     // Otherwise each line that starts with a time holds the rest as title,
     // leading blank included.
-    const char16_t* pattern = text->startsWith(u"CHAPTER")
-                                  ? u"^CHAPTER[0-9]+=(.+)$[\\r\\n]+^CHAPTER[0-9]+NAME=(.*)$"
-                                  : u"^([0-9]{2}.[0-9]{2}.[0-9]{2}.[0-9]{3})(.*)$";
-    UErrorCode status = U_ZERO_ERROR;
-    std::unique_ptr<icu::RegexPattern> compiled(
-        icu::RegexPattern::compile(icu::UnicodeString(pattern), UREGEX_CASE_INSENSITIVE | UREGEX_MULTILINE, status));
-    if (U_FAILURE(status)) return false;
-    std::unique_ptr<icu::RegexMatcher> lines(compiled->matcher(*text, status));
-    if (U_FAILURE(status)) return false;
+    const char* pattern = text->starts_with("CHAPTER") ? "^CHAPTER[0-9]+=(.+)$[\\r\\n]+^CHAPTER[0-9]+NAME=(.*)$"
+                                                       : "^([0-9]{2}.[0-9]{2}.[0-9]{2}.[0-9]{3})(.*)$";
+    const auto expression = QXRegularExpression::regularExpressionWithPattern(
+        pattern, NSRegularExpressionCaseInsensitive | NSRegularExpressionAnchorsMatchLines, error);
+    if (!expression) return false;
 
     bool added = false;
-    while (lines->find(status) && U_SUCCESS(status)) {
-        const std::string time = utf8(lines->group(1, status));
-        const std::string title = utf8(lines->group(2, status));
-        if (U_FAILURE(status)) break;
-        addChapter(title, CMTimeFromSmpteString(time));
+    for (const QXTextCheckingResult& match : expression->matchesInString(*text)) {
+        addChapter(match.substring(*text, 2), CMTimeFromSmpteString(match.substring(*text, 1)));
         added = true;
     }
     return added;
