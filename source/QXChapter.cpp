@@ -1,6 +1,10 @@
 #include "qxmedia/source/QXChapter.h"
 
+#include <cmath>
+#include <limits>
+
 #include "qxmedia/core/QXTimeFormat.h"
+#include "qxmedia/platform/image/QXImage.h"
 
 using namespace qx;
 
@@ -47,4 +51,16 @@ int32_t QXChapter::compare(const QXChapter* other) const
 bool QXChapter::isEqualToChapter(const QXChapter& other) const
 {
     return title == other.title && CMTimeCompare(timestamp, other.timestamp) == 0;
+}
+
+QXData QXChapter::imageDataWithSize(double width, double height) const
+{
+    // The bitmap's size is the integer part, as a pixel count taken from a
+    // double is; below one pixel, or beyond what an int holds, there is none.
+    constexpr double kLargest = double(std::numeric_limits<int>::max());
+    if (!(width >= 1 && height >= 1 && width <= kLargest && height <= kLargest)) return {};
+    const std::shared_ptr<QXImage> bitmap = QXImage::imageWithSize(int(width), int(height));
+    if (!bitmap) return {};
+    if (image) bitmap->drawImageInRect(*image, {{0, 0}, bitmap->size()});
+    return bitmap->JPEGRepresentation();
 }
