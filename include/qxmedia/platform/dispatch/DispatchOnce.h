@@ -1,0 +1,19 @@
+#pragma once
+// One-time initialisation: `static qx::dispatch_once_t once;
+// qx::dispatch_once(&once, [] { ... });` runs the block exactly once; callers
+// that come while it runs wait for it.
+
+#include <mutex>
+
+#include "qxmedia/platform/dispatch/DispatchQueue.h"
+
+namespace qx {
+
+using dispatch_once_t = std::once_flag;
+
+inline void dispatch_once(dispatch_once_t* predicate, const dispatch_block_t& block)
+{
+    std::call_once(*predicate, block);
+}
+
+} // namespace qx
