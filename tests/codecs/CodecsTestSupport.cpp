@@ -1,0 +1,64 @@
+#include "CodecsTestSupport.h"
+
+#include <cstdio>
+
+extern "C" {
+#include <libavformat/avformat.h>
+}
+
+#include "support/TestMedia.h"
+
+namespace qxtest {
+
+StreamPackets readStream(const std::filesystem::path& path, size_t maxPackets)
+{
+    StreamPackets result;
+    av_log_set_level(AV_LOG_ERROR);
+    AVFormatContext* context = nullptr;
+    if (avformat_open_input(&context, path.c_str(), nullptr, nullptr) < 0) return result;
+    if (avformat_find_stream_info(context, nullptr) >= 0 && context->nb_streams > 0) {
+        const AVCodecParameters* parameters = context->streams[0]->codecpar;
+        result.sampleRate = parameters->sample_rate;
+        result.channels = parameters->ch_layout.nb_channels;
+        if (parameters->ch_layout.order == AV_CHANNEL_ORDER_NATIVE) result.channelMask = parameters->ch_layout.u.mask;
+        result.bitRate = parameters->bit_rate;
+        result.extradata.assign(parameters->extradata, parameters->extradata + parameters->extradata_size);
+        AVPacket* packet = av_packet_alloc();
+        while (result.packets.size() < maxPackets && av_read_frame(context, packet) >= 0) {
+            if (packet->stream_index == 0) result.packets.emplace_back(packet->data, packet->data + packet->size);
+            av_packet_unref(packet);
+        }
+        av_packet_free(&packet);
+    }
+    avformat_close_input(&context);
+    return result;
+}
+
+std::vector<uint8_t> boxPayload(const std::filesystem::path& path, const std::string& type)
+{
+    const std::string data = readFile(path);
+    const size_t at = data.find(type);
+    if (at == std::string::npos || at < 4) return {};
+    const auto* size = reinterpret_cast<const uint8_t*>(data.data() + at - 4);
+    const size_t length = (size_t(size[0]) << 24) | (size_t(size[1]) << 16) | (size_t(size[2]) << 8) | size[3];
+    if (length < 8 || at - 4 + length > data.size()) return {};
+    return bytesOf(data.substr(at + 4, length - 8));
+}
+
+std::vector<uint8_t> bytesOf(const std::string& text)
+{
+    return std::vector<uint8_t>(text.begin(), text.end());
+}
+
+std::string hex(const std::vector<uint8_t>& bytes)
+{
+    std::string text;
+    char digits[4];
+    for (uint8_t byte : bytes) {
+        std::snprintf(digits, sizeof digits, "%02x", byte);
+        text += digits;
+    }
+    return text;
+}
+
+} // namespace qxtest

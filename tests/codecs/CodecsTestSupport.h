@@ -1,0 +1,30 @@
+#pragma once
+// Reading generated media for the bit-stream tests: packets and stream
+// parameters through libavformat, and box payloads straight from MP4 bytes.
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace qxtest {
+
+struct StreamPackets {
+    int sampleRate = 0;
+    int channels = 0;
+    uint64_t channelMask = 0;
+    int64_t bitRate = 0;
+    std::vector<uint8_t> extradata;
+    std::vector<std::vector<uint8_t>> packets;
+};
+
+// The first stream's parameters and up to maxPackets of its packets.
+StreamPackets readStream(const std::filesystem::path& path, size_t maxPackets = 1000);
+
+// The payload of the first box of this type found anywhere in the file.
+std::vector<uint8_t> boxPayload(const std::filesystem::path& path, const std::string& type);
+
+std::vector<uint8_t> bytesOf(const std::string& text);
+std::string hex(const std::vector<uint8_t>& bytes);
+
+} // namespace qxtest
