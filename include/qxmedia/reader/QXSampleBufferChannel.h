@@ -1,0 +1,39 @@
+#pragma once
+// QXSampleBufferChannel: pumps one reader output into one muxer input on its
+// own serial queue, until the output ends or the input refuses.
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "qxmedia/muxer/QXMuxerInputProtocol.h"
+#include "qxmedia/platform/dispatch/dispatch.h"
+#include "qxmedia/reader/QXTrackReaderOutput.h"
+
+class QXSampleBufferChannel : public std::enable_shared_from_this<QXSampleBufferChannel> {
+public:
+    static std::shared_ptr<QXSampleBufferChannel> initWithReaderOutput(std::shared_ptr<QXTrackReaderOutput> output,
+                                                                       std::shared_ptr<QXMuxerInputProtocol> input);
+    QXSampleBufferChannel(std::shared_ptr<QXTrackReaderOutput> output, std::shared_ptr<QXMuxerInputProtocol> input);
+
+    // Hands the pump block to the input; completionHandler runs once, on
+    // serializationQueue, after the input was marked finished.
+    void startWithDelegate(const void* delegate, std::function<void()> completionHandler);
+    void cancel();
+    void callCompletionHandlerIfNecessary();
+
+    std::string description() const;
+
+    std::atomic<bool> finished {false};
+    qx::dispatch_queue_t serializationQueue;
+    std::shared_ptr<QXTrackReaderOutput> readerOutput;
+    std::shared_ptr<QXMuxerInputProtocol> muxerInput;
+
+private:
+    void pump();
+
+    std::mutex handlerLock_;
+    std::function<void()> completionHandler_;
+};

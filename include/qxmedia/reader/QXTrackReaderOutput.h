@@ -1,0 +1,67 @@
+#pragma once
+// QXTrackReaderOutput: one use of a source track in a job. It receives the
+// track's samples on its own serial processQueue, turns them into what its
+// muxer input wants (the base passes them on unchanged) and keeps them in a
+// bounded queue that a QXSampleBufferChannel drains with copyNextSample.
+//
+// Back-pressure: processSemaphore (256) bounds samples waiting for
+// processSample, samplesCountSemaphore (256) bounds finished samples;
+// samplesSemaphore counts what copyNextSample may take.
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "qxmedia/platform/coremedia/CMBufferQueue.h"
+#include "qxmedia/platform/coremedia/CMSampleBuffer.h"
+#include "qxmedia/platform/dispatch/dispatch.h"
+#include "qxmedia/platform/foundation/CMTime.h"
+#include "qxmedia/source/QXTrack.h"
+
+class QXTrackReaderOutput : public std::enable_shared_from_this<QXTrackReaderOutput> {
+public:
+    // The output class the job needs for this use of `source`; subclasses
+    // that are not built yet fall back to the base.
+    static std::shared_ptr<QXTrackReaderOutput> initWithSource(const std::shared_ptr<QXTrack>& source,
+                                                               const std::shared_ptr<QXTrack>& destination,
+                                                               bool encode);
+    static std::shared_ptr<QXTrackReaderOutput> initWithSource(const std::shared_ptr<QXTrack>& source);
+
+    explicit QXTrackReaderOutput(std::shared_ptr<QXTrack> source);
+    virtual ~QXTrackReaderOutput() = default;
+
+    // Called by the track's fan-out; runs processSample on processQueue, in
+    // order, one at a time.
+    void outputSample(const qx::CMSampleBufferRef& sample);
+    // The step subclasses override; the base makes the sample available.
+    // Subclasses call it for every sample they produce and once with null.
+    virtual void processSample(const qx::CMSampleBufferRef& sample);
+    // The oldest finished sample; null at the end. Blocks until one is there.
+    qx::CMSampleBufferRef copyNextSample();
+
+    QXMediaType mediaType() const { return track->mediaType(); }
+    virtual std::string description() const;
+
+    bool finished() const { return finished_.load(std::memory_order_acquire); }
+
+    std::shared_ptr<QXTrack> track;
+    uint64_t drop_count = 0;
+    qx::CMSampleBufferRef cur;
+    qx::CMBufferQueueRef samples;
+    qx::dispatch_queue_t processQueue;
+    qx::dispatch_semaphore_t processSemaphore;
+    qx::dispatch_semaphore_t samplesSemaphore;
+    qx::dispatch_semaphore_t samplesCountSemaphore;
+    qx::CMTime next_start = qx::kCMTimeZero;
+    qx::CMTime first_drop = qx::kCMTimeInvalid;
+
+    static constexpr long kQueuedSamples = 256;
+
+protected:
+    // Creates the queue, named after the finished output.
+    void finishInit();
+
+private:
+    std::atomic<bool> finished_ {false};
+};
