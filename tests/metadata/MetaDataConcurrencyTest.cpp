@@ -1,0 +1,107 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <thread>
+
+#include "../../metadata/QXMetaDataBarrier.h"
+#include "qxmedia/metadata/QXMetaData.h"
+
+using namespace std::chrono_literals;
+
+TEST(MetaDataConcurrency, NestedReadProceedsWhileAWriterWaits)
+{
+    QXMetaDataBarrier queue("barrier queue");
+    std::promise<void> readStarted;
+    std::promise<void> writerQueued;
+    std::atomic<bool> wrote {false};
+    std::atomic<bool> nestedRan {false};
+    std::atomic<bool> wroteBeforeNested {false};
+
+    std::thread reader([&] {
+        queue.read([&] {
+            readStarted.set_value();
+            writerQueued.get_future().wait();
+            // Give the writer time to be blocked on this read.
+            std::this_thread::sleep_for(50ms);
+            queue.read([&] {
+                wroteBeforeNested = wrote.load();
+                nestedRan = true;
+            });
+        });
+    });
+    readStarted.get_future().wait();
+    std::thread writer([&] {
+        writerQueued.set_value();
+        queue.write([&] { wrote = true; });
+    });
+    reader.join();
+    writer.join();
+    EXPECT_TRUE(nestedRan);
+    EXPECT_FALSE(wroteBeforeNested); // the writer ran alone, after the reads
+    EXPECT_TRUE(wrote);
+}
+
+TEST(MetaDataConcurrency, NewReadersWaitForAQueuedWriter)
+{
+    QXMetaDataBarrier queue("barrier queue");
+    std::promise<void> readStarted;
+    std::atomic<int> order {0};
+    int writerTurn = -1, lateReaderTurn = -1;
+
+    std::thread first([&] {
+        queue.read([&] {
+            readStarted.set_value();
+            std::this_thread::sleep_for(80ms);
+        });
+    });
+    readStarted.get_future().wait();
+    std::thread writer([&] { queue.write([&] { writerTurn = order++; }); });
+    std::this_thread::sleep_for(20ms);
+    std::thread late([&] { queue.read([&] { lateReaderTurn = order++; }); });
+    first.join();
+    writer.join();
+    late.join();
+    EXPECT_EQ(writerTurn, 0);
+    EXPECT_EQ(lateReaderTurn, 1);
+}
+
+TEST(MetaDataConcurrency, ReadersAndAWriterOfFreeFormKeys)
+{
+    auto record = QXMetaData::init();
+    record->name.set(std::string("start"));
+    std::atomic<bool> stop {false};
+    std::atomic<int> reads {0};
+
+    std::vector<std::thread> readers;
+    for (int i = 0; i < 3; ++i) {
+        readers.emplace_back([&] {
+            while (!stop) {
+                const auto changed = record->changedMetadata();
+                // Every free-form key present is reported with its value.
+                for (const auto& [key, value] : changed) {
+                    if (key.rfind("k", 0) == 0) {
+                        EXPECT_TRUE(value.int64());
+                    }
+                }
+                EXPECT_GE(record->allKeys().size(), 81u);
+                (void)record->valueForKey("k1");
+                (void)record->name.get();
+                ++reads;
+            }
+        });
+    }
+    std::thread writer([&] {
+        for (int i = 0; i < 300; ++i) {
+            record->setValue(QXValue(i), "k" + std::to_string(i % 7));
+            if (i % 3 == 0) record->setValue(QXValue(), "k" + std::to_string((i + 1) % 7));
+            record->name.set(std::to_string(i));
+        }
+    });
+    writer.join();
+    stop = true;
+    for (auto& t : readers) t.join();
+    EXPECT_GT(reads.load(), 0);
+    EXPECT_EQ(*record->name.get(), "299");
+}

@@ -1,0 +1,195 @@
+#include <gtest/gtest.h>
+
+#include <ctime>
+
+#include "qxmedia/metadata/QXContentRatings.h"
+#include "qxmedia/metadata/QXGenreIDs.h"
+#include "qxmedia/metadata/QXMetaData.h"
+#include "support/TestMedia.h"
+
+namespace {
+
+// The calendar day of a date in the default time zone.
+std::string localDay(QXDate date)
+{
+    const std::time_t t = std::chrono::system_clock::to_time_t(date);
+    std::tm tm {};
+    localtime_r(&t, &tm);
+    char text[16];
+    std::strftime(text, sizeof text, "%Y-%m-%d", &tm);
+    return text;
+}
+
+QXDate localTime(int year, int month, int day, int hour, int minute)
+{
+    std::tm tm {};
+    tm.tm_year = year - 1900;
+    tm.tm_mon = month - 1;
+    tm.tm_mday = day;
+    tm.tm_hour = hour;
+    tm.tm_min = minute;
+    tm.tm_isdst = -1;
+    return std::chrono::system_clock::from_time_t(std::mktime(&tm));
+}
+
+} // namespace
+
+TEST(MetaDataRatings, ITunEXTCTextBothWays)
+{
+    auto record = QXMetaData::init();
+    record->videoKind = 9;
+    record->contentRating = 300;
+    EXPECT_EQ(record->contentRatingStringMP4(), "mpaa|PG-13|300|");
+    // No rating, no kind or no country: no text.
+    record->contentRating = QXNoContentRating;
+    EXPECT_FALSE(record->contentRatingStringMP4());
+    EXPECT_EQ(record->contentRatingString(), "NC-17"); // the last name of the table
+    record->contentRating = 0;
+    EXPECT_EQ(record->contentRatingStringMP4(), "mpaa|NR|000|");
+    record->videoKind = 0;
+    EXPECT_FALSE(record->contentRatingStringMP4());
+
+    record->videoKind = 10;
+    record->contentRating = 600;
+    record->contentRatingAnnotation.set(std::string("Violence"));
+    EXPECT_EQ(record->contentRatingStringMP4(), "us-tv|TV-MA|600|Violence");
+    // A rating between two of the table takes the next one up.
+    record->contentRating = 450;
+    record->contentRatingAnnotation.clear();
+    EXPECT_EQ(record->contentRatingStringMP4(), "us-tv|TV-14|500|");
+
+    record->countryCode.set(std::string("DE"));
+    record->videoKind = 9;
+    record->contentRating = 75;
+    EXPECT_EQ(record->contentRatingStringMP4(), "de-movie|ab 0 Jahren|075|");
+    // A country without TV ratings uses those of the US.
+    record->countryCode.set(std::string("JP"));
+    record->videoKind = 10;
+    record->contentRating = 300;
+    EXPECT_EQ(record->contentRatingStringMP4(), "us-tv|TV-G|300|");
+
+    auto reader = QXMetaData::init();
+    reader->setContentRatingStringMP4("uk-movie|12A|325|Mild threat");
+    EXPECT_EQ(reader->contentRating, 325u);
+    EXPECT_EQ(*reader->contentRatingAnnotation.get(), "Mild threat");
+    reader->setContentRatingStringMP4("mpaa|R|"); // third part empty
+    EXPECT_EQ(reader->contentRating, 0u);
+    EXPECT_EQ(*reader->contentRatingAnnotation.get(), "Mild threat");
+    reader->setContentRatingStringMP4("mpaa|R"); // too short: nothing
+    EXPECT_EQ(reader->contentRating, 0u);
+}
+
+TEST(MetaDataRatings, TableLookups)
+{
+    const QXContentRatings ratings;
+    const auto countries = ratings.countryCodes();
+    for (const char* code : {"US", "GB", "DE", "FR", "CA", "AU", "JP", "NL", "SE", "FI"}) {
+        EXPECT_NE(std::find(countries.begin(), countries.end(), code), countries.end()) << code;
+    }
+    EXPECT_TRUE(std::is_sorted(countries.begin(), countries.end()));
+    EXPECT_EQ(ratings.ratingsForVideoKind(6, "US"), ratings.ratingsForVideoKind(9, "US"));
+    EXPECT_EQ(ratings.ratingsForVideoKind(9, ""), ratings.ratingsForVideoKind(9, "US"));
+    EXPECT_EQ(ratings.ratingsForVideoKind(10, "XX"), ratings.ratingsForVideoKind(10, "US"));
+    EXPECT_EQ(ratings.ratingStandardForVideoKind(9, "GB"), "uk-movie");
+    EXPECT_EQ(ratings.ratingStandardForVideoKind(10, "AU"), "au-tv");
+
+    EXPECT_EQ(ratings.ratingForString("pg-13", 9, "US"), 300u);
+    EXPECT_EQ(ratings.ratingForString("12A", 9, "GB"), 325u);
+    EXPECT_EQ(ratings.ratingForString("16", 9, "DE"), 500u); // digits of "ab 16 Jahren"
+    EXPECT_EQ(ratings.ratingForString("XYZ", 9, "US"), 0u);
+    EXPECT_EQ(ratings.ratingNameFor(0, 9, "FR"), "Tout public");
+    EXPECT_EQ(ratings.ratingNameFor(QXNoContentRating, 10, "US"), "TV-MA");
+}
+
+TEST(MetaDataGenres, NumbersByKind)
+{
+    EXPECT_EQ(QXGenreIDs::genreIDForString("Comedy", 6), 1603u);
+    EXPECT_EQ(QXGenreIDs::genreIDForString("Comedy", 10), 4000u);
+    EXPECT_EQ(QXGenreIDs::genreIDForString("Comedy", 9), 4404u);
+    EXPECT_EQ(QXGenreIDs::genreIDForString("Comedy", 0), 0u);
+    EXPECT_EQ(QXGenreIDs::genreIDForString("comedy", 9), 0u);
+    EXPECT_EQ(QXGenreIDs::genreIDForString("Children\u2019s Music", 6), 1604u);
+    EXPECT_EQ(QXGenreIDs::genreIDForString("Korean Cinema", 9), 4428u);
+    EXPECT_EQ(QXGenreIDs::genreIDForString("German Folk", 6), 1634u);
+    EXPECT_FALSE(QXGenreIDs::genreIDsForVideoKind(0));
+    size_t total = 0;
+    for (const auto& [kind, table] : QXGenreIDs::genreIDs()) total += table.size();
+    EXPECT_EQ(total, 73u);
+}
+
+TEST(MetaDataCredits, ITunMOVIBothWays)
+{
+    auto record = QXMetaData::init();
+    record->studio.set(std::string("Studio & Co"));
+    EXPECT_EQ(record->iTunMOVI()->find("<key>studio</key>") != std::string::npos, true);
+    record->studio.set(std::string());
+    EXPECT_FALSE(record->iTunMOVI()); // an empty studio is left out
+
+    record->actors.set(QXStringList {"Anna <A>", "Ben"});
+    record->directors.set(QXStringList {});
+    const std::string text = *record->iTunMOVI();
+    EXPECT_NE(text.find("<key>cast</key>"), std::string::npos);
+    EXPECT_NE(text.find("<string>Anna &lt;A&gt;</string>"), std::string::npos);
+    EXPECT_NE(text.find("<key>directors</key>\n\t<array/>"), std::string::npos);
+    EXPECT_EQ(text.find("producers"), std::string::npos);
+
+    auto back = QXMetaData::init();
+    back->producers.set(QXStringList {"kept"});
+    back->setITunMOVI(text);
+    EXPECT_EQ(*back->actors.get(), (QXStringList {"Anna <A>", "Ben"}));
+    EXPECT_TRUE(back->directors.isNull()); // an empty list reads as none
+    EXPECT_EQ(*back->producers.get(), QXStringList {"kept"});
+
+    back->setITunMOVI("not a property list");
+    EXPECT_EQ(back->actors.get()->size(), 2u);
+
+    EXPECT_FALSE(QXMetaData::nameArrayFromPropertyList({QXValue(QXDictionary {{"nom", QXValue("x")}})}));
+    EXPECT_EQ(*QXMetaData::nameArrayFromPropertyList(
+                  {QXValue(QXDictionary {{"name", QXValue("x")}}), QXValue("skip")}),
+              QXStringList {"x"});
+}
+
+TEST(MetaDataDates, ReadingAndWritingDays)
+{
+    qxtest::LogCapture log;
+    auto day = QXMetaData::dateFromMetadata("2020-05-01");
+    ASSERT_TRUE(day);
+    EXPECT_EQ(localDay(*day), "2020-05-01");
+    for (const char* text : {"2020-05-01T22:30:00Z", "2020-05-01 and some words", "2020-05-01xyz"}) {
+        auto date = QXMetaData::dateFromMetadata(text);
+        ASSERT_TRUE(date) << text;
+        EXPECT_EQ(*date, *day) << text;
+    }
+    // The pattern matches but there is no such day: nil, with no other try.
+    EXPECT_FALSE(QXMetaData::dateFromMetadata("2020-02-30"));
+    EXPECT_FALSE(QXMetaData::dateFromMetadata("2021-13-01 May 1, 2020"));
+    EXPECT_FALSE(log.contains("Date according to standard"));
+
+    EXPECT_FALSE(QXMetaData::dateFromMetadata(""));
+    EXPECT_FALSE(QXMetaData::dateFromMetadata(nullptr));
+    EXPECT_FALSE(QXMetaData::dateFromMetadata("no date here"));
+    EXPECT_TRUE(log.contains("Date according to standard: no date here", 2));
+
+    // Other forms are found anywhere in the text.
+    for (const char* text : {"May 1, 2020", "Released on May 1, 2020 in cinemas", "1 May 2020", "05/01/2020"}) {
+        auto date = QXMetaData::dateFromMetadata(text);
+        ASSERT_TRUE(date) << text;
+        EXPECT_EQ(localDay(*date), "2020-05-01") << text;
+    }
+
+    EXPECT_EQ(QXMetaData::formattedDate(localTime(2020, 5, 1, 0, 0)), "2020-05-01T10:00:00Z");
+    EXPECT_EQ(QXMetaData::formattedDate(localTime(2020, 5, 1, 23, 59)), "2020-05-01T10:00:00Z");
+    // A date read with a time of day is written back at 10:00.
+    EXPECT_EQ(QXMetaData::formattedDate(*QXMetaData::dateFromMetadata("1999-12-31T23:00:00Z")),
+              "1999-12-31T10:00:00Z");
+}
+
+TEST(MetaDataDates, StringsFromTagBytes)
+{
+    EXPECT_EQ(QXMetaData::stringFromMetadata(nullptr), "");
+    EXPECT_EQ(QXMetaData::stringFromMetadata("Caf\xc3\xa9"), "Caf\xc3\xa9");
+    // Not UTF-8: read as UTF-16 where the bytes pair up.
+    const char utf16[] = {'\xfe', '\xff', '\x4e', '\x2d', '\0'};
+    EXPECT_EQ(QXMetaData::stringFromMetadata(utf16), "\xe4\xb8\xad");
+    EXPECT_EQ(QXMetaData::stringFromMetadata("\xe9"), ""); // neither
+}
