@@ -116,19 +116,6 @@ std::optional<std::vector<MP4NeroChapter>> MP4ChplDecode(std::span<const uint8_t
     return chapters;
 }
 
-std::vector<uint8_t> MP4ChapterTextSample(const std::string& title)
-{
-    const std::string text = MP4TruncateUTF8(title, 0xFFFF);
-    std::vector<uint8_t> sample;
-    appendBE(sample, text.size(), 2);
-    appendText(sample, text);
-    // encd: the text encoding of the sample, 0x100 being UTF-8.
-    appendBE(sample, 12, 4);
-    appendText(sample, "encd");
-    appendBE(sample, 0x00000100, 4);
-    return sample;
-}
-
 std::optional<std::string> MP4ChapterTitleFromSample(std::span<const uint8_t> sample)
 {
     if (sample.size() < 2) return std::nullopt;

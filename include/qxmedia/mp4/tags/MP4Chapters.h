@@ -47,9 +47,9 @@ struct MP4NeroChapter {
 std::vector<uint8_t> MP4ChplEncode(const std::vector<MP4NeroChapter>& chapters);
 std::optional<std::vector<MP4NeroChapter>> MP4ChplDecode(std::span<const uint8_t> payload);
 
-// A text sample of a chapter track, and its title back (an optional byte
-// order mark is honoured: UTF-16 titles are converted to UTF-8).
-std::vector<uint8_t> MP4ChapterTextSample(const std::string& title);
+// The title in a text sample of a chapter track (16-bit length, text, then
+// optional boxes such as encd). A byte order mark is honoured: UTF-16
+// titles are converted to UTF-8.
 std::optional<std::string> MP4ChapterTitleFromSample(std::span<const uint8_t> sample);
 
 // Between durations and start times. Starts are turned into durations up

@@ -19,6 +19,8 @@
 
 namespace qx::mp4 {
 
+class MP4File;
+
 // Basic types of a data box (the well-known types of the metadata format).
 enum MP4ItmfBasicType : uint32_t {
     MP4_ITMF_BT_IMPLICIT = 0,  // meaning given by the item code (trkn, disk, gnre)
@@ -93,6 +95,13 @@ MP4ItmfItemList MP4ItmfGetItemsByMeaning(const MP4ItmfItemList& items, const std
                                          const std::string& name = {});
 // Removes every item with the same content as `item`; true if any was.
 bool MP4ItmfRemoveItem(MP4ItmfItemList& items, const MP4ItmfItem& item);
+
+// The same on an open file's moov/udta/meta/ilst. Changes reach the file
+// when it is closed (modify or create mode); they fail in read mode.
+MP4ItmfItemList MP4ItmfGetItems(MP4File& file);
+MP4ItmfItemList MP4ItmfGetItemsByMeaning(MP4File& file, const std::string& mean, const std::string& name = {});
+bool MP4ItmfAddItem(MP4File& file, const MP4ItmfItem& item);
+bool MP4ItmfRemoveItem(MP4File& file, const MP4ItmfItem& item);
 
 // Item codes as text for people: the byte 0xA9 becomes "©" (UTF-8), other
 // bytes outside printable ASCII become "\xNN". The reverse accepts both
