@@ -1,5 +1,7 @@
 #include "qxmedia/platform/codecs/NALUnits.h"
 
+#include <algorithm>
+
 #include "qxmedia/platform/codecs/ParameterSetParser.h"
 
 namespace qx {
@@ -181,8 +183,10 @@ std::vector<uint8_t> createAvcC(const std::vector<NALUnitBytes>& sps, const std:
     for (const auto& unit : sps) add(unit);
     out.push_back(uint8_t(pps.size()));
     for (const auto& unit : pps) add(unit);
+    // Every profile beyond Baseline, Main and Extended has the chroma and
+    // bit depth fields.
     const uint8_t profile = sps[0][1];
-    if (profile == 100 || profile == 110 || profile == 122 || profile == 144) {
+    if (profile != 66 && profile != 77 && profile != 88) {
         out.push_back(uint8_t(0xFC | (haveSPS ? parsed.chroma_format_idc & 3 : 1)));
         out.push_back(uint8_t(0xF8 | (haveSPS ? parsed.bit_depth_luma_minus8 & 7 : 0)));
         out.push_back(uint8_t(0xF8 | (haveSPS ? parsed.bit_depth_chroma_minus8 & 7 : 0)));

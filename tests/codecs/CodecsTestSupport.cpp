@@ -22,6 +22,16 @@ StreamPackets readStream(const std::filesystem::path& path, size_t maxPackets)
         result.channels = parameters->ch_layout.nb_channels;
         if (parameters->ch_layout.order == AV_CHANNEL_ORDER_NATIVE) result.channelMask = parameters->ch_layout.u.mask;
         result.bitRate = parameters->bit_rate;
+        result.width = parameters->width;
+        result.height = parameters->height;
+        result.profile = parameters->profile;
+        result.level = parameters->level;
+        result.sarNum = parameters->sample_aspect_ratio.num;
+        result.sarDen = parameters->sample_aspect_ratio.den;
+        result.colorPrimaries = parameters->color_primaries;
+        result.colorTrc = parameters->color_trc;
+        result.colorSpace = parameters->color_space;
+        result.colorRange = parameters->color_range;
         result.extradata.assign(parameters->extradata, parameters->extradata + parameters->extradata_size);
         AVPacket* packet = av_packet_alloc();
         while (result.packets.size() < maxPackets && av_read_frame(context, packet) >= 0) {

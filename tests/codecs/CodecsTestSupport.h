@@ -14,6 +14,9 @@ struct StreamPackets {
     int channels = 0;
     uint64_t channelMask = 0;
     int64_t bitRate = 0;
+    int width = 0, height = 0, profile = 0, level = 0;
+    int sarNum = 0, sarDen = 0;
+    int colorPrimaries = 0, colorTrc = 0, colorSpace = 0, colorRange = 0;
     std::vector<uint8_t> extradata;
     std::vector<std::vector<uint8_t>> packets;
 };

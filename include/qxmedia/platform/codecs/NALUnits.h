@@ -73,8 +73,8 @@ struct ParameterSets {
 ParameterSets readParameterSets(NALCodec codec, const uint8_t* extradata, size_t size);
 
 // The payload of an avcC box for four-byte NAL lengths. The profile
-// indications come from the first SPS; for the high profiles the chroma
-// format and bit depths follow the parameter sets. Empty without a valid SPS.
+// indications come from the first SPS; beyond Baseline, Main and Extended
+// the chroma format and bit depths of the SPS follow the PPS list. Empty without a valid SPS.
 std::vector<uint8_t> createAvcC(const std::vector<NALUnitBytes>& sps, const std::vector<NALUnitBytes>& pps);
 
 // NAL payload without emulation prevention bytes (00 00 03 -> 00 00).

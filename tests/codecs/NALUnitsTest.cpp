@@ -1,0 +1,313 @@
+#include <gtest/gtest.h>
+
+#include "CodecsTestSupport.h"
+#include "qxmedia/platform/codecs/HEVCConfiguration.h"
+#include "qxmedia/platform/codecs/NALUnits.h"
+#include "qxmedia/platform/codecs/ParameterSetParser.h"
+#include "support/TestMedia.h"
+
+using namespace qx;
+using Bytes = std::vector<uint8_t>;
+
+namespace {
+
+const std::string kSource = "-f lavfi -i testsrc2=size=320x180:rate=25:duration=0.6 ";
+
+std::vector<Bytes> unitsOf(const std::vector<NALUnit>& units)
+{
+    std::vector<Bytes> out;
+    for (NALUnit unit : units) out.emplace_back(unit.begin(), unit.end());
+    return out;
+}
+
+// The NAL units of the first access unit that come before its first picture.
+std::vector<NALUnit> headerUnits(NALCodec codec, const Bytes& accessUnit)
+{
+    std::vector<NALUnit> units;
+    for (NALUnit unit : splitAnnexB(accessUnit.data(), accessUnit.size())) {
+        const bool picture = codec == NALCodec::HEVC ? hevcNALType(unit) < 32 : h264NALType(unit) <= 5;
+        if (picture) break;
+        units.push_back(unit);
+    }
+    return units;
+}
+
+// Equal bytes, or where they part, without printing kilobytes of hex.
+::testing::AssertionResult sameBytes(const Bytes& actual, const Bytes& expected)
+{
+    if (actual == expected) return ::testing::AssertionSuccess();
+    size_t at = 0;
+    while (at < actual.size() && at < expected.size() && actual[at] == expected[at]) ++at;
+    auto window = [at](const Bytes& bytes) {
+        const size_t begin = at > 8 ? at - 8 : 0;
+        return qxtest::hex(Bytes(bytes.begin() + ptrdiff_t(std::min(begin, bytes.size())),
+                                 bytes.begin() + ptrdiff_t(std::min(at + 8, bytes.size()))));
+    };
+    return ::testing::AssertionFailure() << "sizes " << actual.size() << " and " << expected.size()
+                                         << ", first difference at " << at << ": " << window(actual) << " vs "
+                                         << window(expected);
+}
+
+struct HEVCCase {
+    std::string name, arguments;
+};
+const HEVCCase kHEVCCases[] = {
+    {"hvcc-main", "-pix_fmt yuv420p -x265-params log-level=error"},
+    {"hvcc-main10", "-pix_fmt yuv420p10le -x265-params log-level=error"},
+    {"hvcc-422-nowpp", "-pix_fmt yuv422p -x265-params log-level=error:wpp=0"},
+    {"hvcc-vui", "-pix_fmt yuv420p -color_primaries bt709 -color_trc bt709 -colorspace bt709 -color_range pc "
+                 "-x265-params log-level=error:hrd=1:vbv-bufsize=500:vbv-maxrate=400"},
+};
+
+// The same encoding as an MP4 with an hvcC, or as a raw Annex B stream.
+std::filesystem::path makeHEVC(const HEVCCase& c, bool raw)
+{
+    return qxtest::generate(c.name + (raw ? ".hevc" : ".mp4"), kSource + "-c:v libx265 -preset ultrafast " +
+                                                                   c.arguments + (raw ? " -f hevc" : " -tag:v hvc1"));
+}
+
+} // namespace
+
+TEST(NALUnits, FindsThreeAndFourByteStartCodes)
+{
+    const Bytes data = {0x09, 0x00, 0x00, 0x01, 0x67, 0x00, 0x00, 0x00, 0x01, 0x68, 0x00, 0x00, 0x02, 0x00, 0x00, 0x01};
+    const uint8_t* begin = data.data();
+    const uint8_t* end = begin + data.size();
+    EXPECT_EQ(avcFindStartCode(begin, end) - begin, 1);
+    EXPECT_EQ(avcFindStartCode(begin + 2, end) - begin, 5); // the four-byte code begins at its first zero
+    EXPECT_EQ(avcFindStartCode(begin + 6, end) - begin, 6); // no zero before it within the range
+    EXPECT_EQ(avcFindStartCode(begin + 9, end) - begin, 13);
+    EXPECT_EQ(avcFindStartCode(begin + 14, end), end);
+    EXPECT_EQ(avcFindStartCode(begin, begin + 3), begin + 3);
+    EXPECT_EQ(avcFindStartCode(nullptr, nullptr), nullptr);
+
+    EXPECT_TRUE(isAnnexB(data.data() + 1, 4));
+    EXPECT_TRUE(isAnnexB(data.data() + 5, 4));
+    EXPECT_FALSE(isAnnexB(data.data(), data.size()));
+    EXPECT_FALSE(isAnnexB(data.data() + 1, 2));
+}
+
+TEST(NALUnits, AnnexBToLengthPrefixed)
+{
+    // Leading junk, mixed start codes, trailing zeros before a start code,
+    // an empty unit and trailing zeros at the end.
+    const Bytes annexB = {0xAA, 0x00, 0x00, 0x00, 0x01, 0x67, 0x42, 0x00, 0x00, 0x01, 0x68, 0xCE, 0x00, 0x00,
+                          0x00, 0x00, 0x01, 0x00, 0x00, 0x01, 0x65, 0x88, 0x00, 0x00, 0x03, 0x01, 0x00, 0x00};
+    const auto units = unitsOf(splitAnnexB(annexB.data(), annexB.size()));
+    ASSERT_EQ(units.size(), 3u);
+    EXPECT_EQ(units[0], (Bytes {0x67, 0x42}));
+    EXPECT_EQ(units[1], (Bytes {0x68, 0xCE}));
+    EXPECT_EQ(units[2], (Bytes {0x65, 0x88, 0x00, 0x00, 0x03, 0x01}));
+
+    const Bytes prefixed = annexBToLengthPrefixed(annexB.data(), annexB.size());
+    EXPECT_EQ(prefixed, (Bytes {0, 0, 0, 2, 0x67, 0x42, 0, 0, 0, 2, 0x68, 0xCE, 0, 0, 0, 6, 0x65, 0x88, 0, 0, 3, 1}));
+    std::vector<NALUnit> back;
+    ASSERT_TRUE(splitLengthPrefixed(prefixed.data(), prefixed.size(), 4, back));
+    EXPECT_EQ(unitsOf(back), units);
+
+    EXPECT_TRUE(annexBToLengthPrefixed(annexB.data(), 1).empty());
+    EXPECT_TRUE(annexBToLengthPrefixed(nullptr, 0).empty());
+
+    // Lengths that run past the end, or a cut length field.
+    std::vector<NALUnit> partial;
+    EXPECT_FALSE(splitLengthPrefixed(prefixed.data(), prefixed.size() - 1, 4, partial));
+    EXPECT_EQ(partial.size(), 2u);
+    partial.clear();
+    EXPECT_FALSE(splitLengthPrefixed(prefixed.data(), 2, 4, partial));
+    const Bytes short2 = {0x00, 0x02, 0x67, 0x42, 0x00, 0x01, 0x68};
+    partial.clear();
+    EXPECT_TRUE(splitLengthPrefixed(short2.data(), short2.size(), 2, partial));
+    EXPECT_EQ(partial.size(), 2u);
+    EXPECT_FALSE(splitLengthPrefixed(short2.data(), short2.size(), 3, partial));
+}
+
+// Samples of an MP4 written by FFmpeg, turned into Annex B with both kinds of
+// start code, come back byte for byte.
+TEST(NALUnits, RoundTripOfEncodedSamples)
+{
+    const auto h264 = qxtest::generate("nal-h264.mp4", kSource + "-c:v libx264 -preset veryfast -bf 2");
+    const auto hevc = qxtest::generate(
+        "nal-hevc.mp4", kSource + "-c:v libx265 -preset ultrafast -x265-params log-level=error -tag:v hvc1");
+    for (const auto& path : {h264, hevc}) {
+        SCOPED_TRACE(path.string());
+        ASSERT_FALSE(path.empty());
+        const auto stream = qxtest::readStream(path);
+        ASSERT_GT(stream.packets.size(), 10u);
+        for (const auto& packet : stream.packets) {
+            std::vector<NALUnit> units;
+            ASSERT_TRUE(splitLengthPrefixed(packet.data(), packet.size(), 4, units));
+            Bytes annexB;
+            for (size_t i = 0; i < units.size(); ++i) {
+                annexB.insert(annexB.end(), {0, 0});
+                if (i % 2 == 0) annexB.push_back(0);
+                annexB.push_back(1);
+                annexB.insert(annexB.end(), units[i].begin(), units[i].end());
+            }
+            EXPECT_EQ(annexBToLengthPrefixed(annexB.data(), annexB.size()), packet);
+        }
+    }
+}
+
+TEST(AvcC, ReadsAndWritesTheRecordFFmpegWrites)
+{
+    const struct {
+        std::string name, arguments;
+    } cases[] = {
+        {"avcc-high.mp4", "-c:v libx264 -preset veryfast -pix_fmt yuv420p"},
+        {"avcc-baseline.mp4", "-c:v libx264 -preset veryfast -profile:v baseline -pix_fmt yuv420p"},
+        {"avcc-444.mp4", "-c:v libx264 -preset veryfast -pix_fmt yuv444p"},
+        {"avcc-422p10.mp4", "-c:v libx264 -preset veryfast -pix_fmt yuv422p10le"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const auto path = qxtest::generate(c.name, kSource + c.arguments);
+        ASSERT_FALSE(path.empty());
+        const Bytes avcC = qxtest::boxPayload(path, "avcC");
+        ASSERT_GT(avcC.size(), 10u);
+        const auto sets = readParameterSets(NALCodec::H264, avcC.data(), avcC.size());
+        ASSERT_EQ(sets.sps.size(), 1u);
+        ASSERT_EQ(sets.pps.size(), 1u);
+        EXPECT_EQ(sets.lengthSize, 4u);
+        EXPECT_TRUE(sameBytes(createAvcC(sets.sps, sets.pps), avcC));
+
+        // The same sets read from Annex B extradata.
+        const Bytes annexB = createAnnexB({NALUnit(sets.sps[0]), NALUnit(sets.pps[0])});
+        const auto again = readParameterSets(NALCodec::H264, annexB.data(), annexB.size());
+        EXPECT_EQ(again.sps, sets.sps);
+        EXPECT_EQ(again.pps, sets.pps);
+    }
+    EXPECT_TRUE(createAvcC({}, {}).empty());
+    EXPECT_TRUE(createAvcC({{0x67, 0x42}}, {}).empty());
+    // A record cut inside its parameter sets gives what was complete.
+    const Bytes cut = {1, 0x42, 0, 0x1E, 0xFF, 0xE2, 0, 2, 0x67, 0x42, 0, 9, 0x67};
+    const auto partial = readParameterSets(NALCodec::H264, cut.data(), cut.size());
+    EXPECT_EQ(partial.sps.size(), 1u);
+    EXPECT_TRUE(partial.pps.empty());
+}
+
+// The record built from the parameter sets of a raw HEVC stream equals the
+// one FFmpeg's MP4 muxer writes for the same encoding.
+TEST(HvcC, MatchesFFmpegMuxer)
+{
+    for (const auto& c : kHEVCCases) {
+        SCOPED_TRACE(c.name);
+        const auto mp4 = makeHEVC(c, false);
+        const auto raw = makeHEVC(c, true);
+        ASSERT_FALSE(mp4.empty());
+        ASSERT_FALSE(raw.empty());
+        const Bytes hvcC = qxtest::boxPayload(mp4, "hvcC");
+        ASSERT_GT(hvcC.size(), 23u);
+
+        // The encoder's SEI differs between the two encodings (its option
+        // text, timing messages in the raw stream): take the record's own.
+        const auto stream = qxtest::readStream(raw, 1);
+        ASSERT_EQ(stream.packets.size(), 1u);
+        std::vector<NALUnit> units;
+        for (NALUnit unit : headerUnits(NALCodec::HEVC, stream.packets[0])) {
+            if (hevcNALType(unit) < HEVCNALSEIPrefix) units.push_back(unit);
+        }
+        const auto recorded = readParameterSets(NALCodec::HEVC, hvcC.data(), hvcC.size());
+        for (const auto& sei : recorded.sei) units.emplace_back(sei);
+        EXPECT_TRUE(sameBytes(createHvcC(units), hvcC));
+
+        // Reading the record back and writing it again changes nothing.
+        EXPECT_TRUE(sameBytes(createHvcCFromExtradata(hvcC.data(), hvcC.size()), hvcC));
+        const Bytes annexB = createAnnexB(units);
+        EXPECT_TRUE(sameBytes(createHvcCFromExtradata(annexB.data(), annexB.size()), hvcC));
+    }
+}
+
+TEST(HvcC, NeedsAllParameterSets)
+{
+    const auto raw = makeHEVC(kHEVCCases[0], true);
+    ASSERT_FALSE(raw.empty());
+    const auto stream = qxtest::readStream(raw, 1);
+    ASSERT_EQ(stream.packets.size(), 1u);
+    auto units = headerUnits(NALCodec::HEVC, stream.packets[0]);
+    ASSERT_GE(units.size(), 3u);
+    for (size_t drop = 0; drop < 3; ++drop) {
+        auto fewer = units;
+        fewer.erase(fewer.begin() + ptrdiff_t(drop));
+        EXPECT_TRUE(createHvcC(fewer).empty()) << drop;
+    }
+    // Without completeness the parameter set arrays say so.
+    const auto incomplete = createHvcC(units, false);
+    ASSERT_GT(incomplete.size(), 24u);
+    EXPECT_EQ(incomplete[23], HEVCNALVPS);
+    EXPECT_EQ(createHvcC(units, true)[23], 0x80 | HEVCNALVPS);
+}
+
+TEST(ParameterSets, H264SequenceParameterSetAgreesWithFFmpeg)
+{
+    const struct {
+        std::string name, arguments;
+        bool fullRange;
+    } cases[] = {
+        {"sps-cropped.mp4", "-vf scale=318:178 -c:v libx264 -preset veryfast", false},
+        {"sps-sar.mp4", "-vf setsar=4/3 -c:v libx264 -preset veryfast -color_primaries bt709 -color_trc bt709 "
+                        "-colorspace bt709", false},
+        {"sps-full.mp4", "-vf scale=out_range=full -c:v libx264 -preset veryfast -color_range pc -pix_fmt yuvj420p",
+         true},
+        {"sps-interlaced.mp4", "-c:v libx264 -preset veryfast -flags +ildct -x264-params tff=1", false},
+        {"sps-422p10.mp4", "-c:v libx264 -preset veryfast -pix_fmt yuv422p10le", false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const auto path = qxtest::generate(c.name, kSource + c.arguments);
+        ASSERT_FALSE(path.empty());
+        const auto stream = qxtest::readStream(path, 1);
+        const auto sets = readParameterSets(NALCodec::H264, stream.extradata.data(), stream.extradata.size());
+        ASSERT_EQ(sets.sps.size(), 1u);
+        H264SequenceParameterSet sps;
+        ASSERT_TRUE(parseH264SPS(sets.sps[0], sps));
+        EXPECT_EQ(int(sps.width), stream.width);
+        EXPECT_EQ(int(sps.height), stream.height);
+        EXPECT_EQ(sps.profile_idc, stream.profile);
+        EXPECT_EQ(sps.level_idc, stream.level);
+        if (stream.sarNum > 0 && !(stream.sarNum == 1 && stream.sarDen == 1)) {
+            EXPECT_EQ(sps.vui.sar_width * stream.sarDen, sps.vui.sar_height * stream.sarNum);
+        }
+        EXPECT_EQ(sps.vui.video_full_range_flag, c.fullRange);
+        if (sps.vui.colour_description_present_flag) {
+            EXPECT_EQ(sps.vui.colour_primaries, stream.colorPrimaries);
+            EXPECT_EQ(sps.vui.transfer_characteristics, stream.colorTrc);
+            EXPECT_EQ(sps.vui.matrix_coeffs, stream.colorSpace);
+        }
+    }
+    H264SequenceParameterSet sps;
+    EXPECT_FALSE(parseH264SPS(Bytes {0x68, 0x42, 0x00, 0x1E}, sps));
+    EXPECT_FALSE(parseH264SPS(Bytes {0x67, 0x42, 0x00}, sps));
+    EXPECT_FALSE(parseH264SPS(Bytes {0x67, 0x42, 0x00, 0x1E, 0x00}, sps)); // ends inside the Exp-Golomb codes
+}
+
+TEST(ParameterSets, HEVCSequenceParameterSetAgreesWithFFmpeg)
+{
+    for (const auto& c : kHEVCCases) {
+        const std::string& name = c.name;
+        SCOPED_TRACE(name);
+        const auto path = makeHEVC(c, false);
+        ASSERT_FALSE(path.empty());
+        const auto stream = qxtest::readStream(path, 1);
+        const auto sets = readParameterSets(NALCodec::HEVC, stream.extradata.data(), stream.extradata.size());
+        ASSERT_EQ(sets.sps.size(), 1u);
+        HEVCSequenceParameterSet sps;
+        ASSERT_TRUE(parseHEVCSPS(sets.sps[0], sps));
+        EXPECT_EQ(int(sps.width), stream.width);
+        EXPECT_EQ(int(sps.height), stream.height);
+        EXPECT_EQ(sps.ptl.profile_idc, stream.profile);
+        EXPECT_EQ(sps.ptl.level_idc, stream.level);
+        EXPECT_EQ(sps.vui.video_full_range_flag, stream.colorRange == 2);
+        if (sps.vui.colour_description_present_flag) {
+            EXPECT_EQ(sps.vui.colour_primaries, stream.colorPrimaries);
+            EXPECT_EQ(sps.vui.matrix_coeffs, stream.colorSpace);
+        }
+        if (name == "hvcc-vui") {
+            EXPECT_TRUE(sps.vui.colour_description_present_flag);
+            EXPECT_EQ(sps.vui.colour_primaries, 1);
+            EXPECT_TRUE(sps.vui.timing_info_present_flag);
+        }
+        HEVCPictureParameterSet pps;
+        ASSERT_TRUE(parseHEVCPPS(sets.pps.at(0), pps));
+        EXPECT_EQ(pps.entropy_coding_sync_enabled_flag, name != "hvcc-422-nowpp");
+    }
+}
