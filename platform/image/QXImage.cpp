@@ -9,6 +9,7 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavutil/frame.h>
 #include <libavutil/imgutils.h>
+#include <libavutil/log.h>
 #include <libavutil/opt.h>
 #include <libavutil/pixdesc.h>
 #include <libswscale/swscale.h>
@@ -66,6 +67,12 @@ AVPixelFormat withoutJ(AVPixelFormat format, bool& fullRange)
     }
 }
 
+bool isRGB(AVPixelFormat format)
+{
+    const AVPixFmtDescriptor* descriptor = av_pix_fmt_desc_get(format);
+    return descriptor && (descriptor->flags & (AV_PIX_FMT_FLAG_RGB | AV_PIX_FMT_FLAG_PAL));
+}
+
 struct Picture {
     const uint8_t* const* data;
     const int* linesize;
@@ -91,11 +98,14 @@ bool convert(const Picture& source, uint8_t* const destinationData[], const int 
     int* inverseTable = nullptr;
     int* table = nullptr;
     int srcRange = 0, dstRange = 0, brightness = 0, contrast = 0, saturation = 0;
-    if (sws_getColorspaceDetails(scale.get(), &inverseTable, &srcRange, &table, &dstRange, &brightness, &contrast,
+    // swscale's range flag means full-range YUV or grey; an RGB side keeps 0.
+    if ((!isRGB(sourceFormat) || !isRGB(destinationFormat)) &&
+        sws_getColorspaceDetails(scale.get(), &inverseTable, &srcRange, &table, &dstRange, &brightness, &contrast,
                                  &saturation) >= 0) {
-        const int* coefficients = sws_getCoefficients(source.colorspace);
-        sws_setColorspaceDetails(scale.get(), coefficients, sourceFull ? 1 : 0, sws_getCoefficients(SWS_CS_ITU601),
-                                 destinationFull ? 1 : 0, brightness, contrast, saturation);
+        sws_setColorspaceDetails(scale.get(), sws_getCoefficients(source.colorspace),
+                                 sourceFull && !isRGB(sourceFormat) ? 1 : 0, sws_getCoefficients(SWS_CS_ITU601),
+                                 destinationFull && !isRGB(destinationFormat) ? 1 : 0, brightness, contrast,
+                                 saturation);
     }
     const int height = sws_scale(scale.get(), source.data, source.linesize, 0, source.height, destinationData,
                                  destinationLinesize);
@@ -132,13 +142,36 @@ AVCodecID codecForBytes(const uint8_t* bytes, size_t length)
     return AV_CODEC_ID_NONE;
 }
 
-// A JPEG ends with the EOI marker; the decoder would make up the missing
-// rest of a cut-off file, so such data are refused here.
-bool jpegIsComplete(const uint8_t* bytes, size_t length)
+// Walks the marker segments of a JPEG up to its end-of-image marker. The
+// decoder would make up the missing rest of a cut-off file, so data without
+// that marker are refused; anything behind it is ignored.
+bool jpegHasEndMarker(const uint8_t* bytes, size_t length)
 {
-    size_t end = length;
-    while (end > 2 && bytes[end - 1] == 0) --end; // padding after the marker
-    return end >= 4 && bytes[end - 2] == 0xFF && bytes[end - 1] == 0xD9;
+    auto isRestart = [](uint8_t marker) { return marker >= 0xD0 && marker <= 0xD7; };
+    size_t i = 2; // behind the start-of-image marker
+    while (i + 1 < length) {
+        if (bytes[i] != 0xFF) return false;
+        const uint8_t marker = bytes[i + 1];
+        if (marker == 0xFF) { // fill byte
+            ++i;
+            continue;
+        }
+        if (marker == 0xD9) return true;
+        if (marker == 0x01 || isRestart(marker)) { // no length field
+            i += 2;
+            continue;
+        }
+        if (i + 3 >= length) return false;
+        const size_t segment = size_t(bytes[i + 2]) << 8 | bytes[i + 3];
+        if (segment < 2) return false;
+        i += 2 + segment;
+        if (marker == 0xDA) {
+            // Entropy-coded data run to the next marker; FF 00 and restart
+            // markers belong to them.
+            while (i + 1 < length && !(bytes[i] == 0xFF && bytes[i + 1] != 0 && !isRestart(bytes[i + 1]))) ++i;
+        }
+    }
+    return false;
 }
 
 FramePtr decode(AVCodecID codecId, const uint8_t* bytes, size_t length)
@@ -151,6 +184,9 @@ FramePtr decode(AVCodecID codecId, const uint8_t* bytes, size_t length)
     if (!context || !packet || !frame) return nullptr;
     // Damage is an error, not something to conceal.
     context->err_recognition = AV_EF_CRCCHECK | AV_EF_BITSTREAM | AV_EF_EXPLODE;
+    // Undecodable bytes are an answer (no image), not an event: the
+    // decoder's complaints go to the debug level.
+    context->log_level_offset = AV_LOG_DEBUG - AV_LOG_ERROR;
     context->thread_count = 1;
     if (QXAvcodecOpen(context.get(), codec, nullptr) < 0) return nullptr;
     if (av_new_packet(packet.get(), int(length)) < 0) return nullptr;
@@ -224,7 +260,7 @@ std::shared_ptr<QXImage> QXImage::imageWithData(const uint8_t* bytes, size_t len
     if (!bytes || length == 0) return nullptr;
     const AVCodecID codecId = codecForBytes(bytes, length);
     if (codecId == AV_CODEC_ID_NONE) return nullptr;
-    if (codecId == AV_CODEC_ID_MJPEG && !jpegIsComplete(bytes, length)) return nullptr;
+    if (codecId == AV_CODEC_ID_MJPEG && !jpegHasEndMarker(bytes, length)) return nullptr;
     FramePtr frame = decode(codecId, bytes, length);
     return frame ? imageWithFrame(frame.get()) : nullptr;
 }
