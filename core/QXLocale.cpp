@@ -196,7 +196,9 @@ std::map<std::string, std::string> QXLocale::componentsFromLocaleIdentifier(std:
     if (index < parts.size() && parts[index].size() == 4 && allOf(parts[index], std::isalpha)) {
         std::string script = parts[index++];
         script[0] = char(std::toupper(static_cast<unsigned char>(script[0])));
-        for (size_t i = 1; i < script.size(); ++i) script[i] = char(std::tolower(static_cast<unsigned char>(script[i])));
+        for (size_t i = 1; i < script.size(); ++i) {
+            script[i] = char(std::tolower(static_cast<unsigned char>(script[i])));
+        }
         components[NSLocaleScriptCode] = script;
     }
     if (index < parts.size() && ((parts[index].size() == 2 && allOf(parts[index], std::isalpha)) ||
@@ -314,6 +316,7 @@ std::vector<std::string> QXLocale::preferredLanguageCodes(const std::vector<std:
 
 const std::vector<std::string>& QXLocale::preferredLanguageCodes()
 {
-    static const std::vector<std::string> codes = preferredLanguageCodes(preferredLocalizations(), preferredLanguages());
+    static const std::vector<std::string> codes =
+        preferredLanguageCodes(preferredLocalizations(), preferredLanguages());
     return codes;
 }

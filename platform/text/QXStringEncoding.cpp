@@ -198,7 +198,8 @@ std::optional<QXData> QXDataFromString(std::string_view utf8, NSStringEncoding e
     QXData out(size_t(needed) + 4);
     status = U_ZERO_ERROR;
     ucnv_reset(converter.get());
-    const int32_t written = text->extract(reinterpret_cast<char*>(out.data()), int32_t(out.size()), converter.get(), status);
+    const int32_t written =
+        text->extract(reinterpret_cast<char*>(out.data()), int32_t(out.size()), converter.get(), status);
     if (U_FAILURE(status)) return std::nullopt;
     out.resize(size_t(written));
     return out;

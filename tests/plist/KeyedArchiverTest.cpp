@@ -303,8 +303,9 @@ TEST(KeyedArchiver, ImagesGoThroughTheInstalledCoding)
     // a stand-in pointer that is never dereferenced plays the image.
     static int token = 0;
     const QXImageRef image(reinterpret_cast<const QXImage*>(&token), [](const QXImage*) {});
-    QXSetImageArchiveCoding([&](const QXImageRef& i) { return i == image ? std::optional(QXData {0x89, 'P'}) : std::nullopt; },
-                            [&](const QXData& d) { return d == QXData {0x89, 'P'} ? image : QXImageRef(); });
+    const QXData png {0x89, 'P'};
+    QXSetImageArchiveCoding([&](const QXImageRef& i) { return i == image ? std::optional(png) : std::nullopt; },
+                            [&](const QXData& d) { return d == png ? image : QXImageRef(); });
     QXKeyedArchiver coder;
     coder.encodeObject(QXArray {QXValue(), QXValue(image)}, "artworks");
     const auto data = QXPropertyListSerialization::dataWithPropertyList(QXValue(coder.encodedKeys()),

@@ -60,7 +60,8 @@ TEST(RegularExpression, OptionalGroupsRangesAndReplacement)
 
     // Special characters escape into a literal pattern and template.
     const std::string literal = "a+b (c) $1 [x]";
-    auto escaped = QXRegularExpression::regularExpressionWithPattern(QXRegularExpression::escapedPatternForString(literal));
+    auto escaped =
+        QXRegularExpression::regularExpressionWithPattern(QXRegularExpression::escapedPatternForString(literal));
     ASSERT_TRUE(escaped);
     EXPECT_EQ(escaped->rangeOfFirstMatchInString("zz " + literal), (QXRange {3, literal.size()}));
     EXPECT_EQ(escaped->stringByReplacingMatchesInString(literal, QXRegularExpression::escapedTemplateForString("$0\\")),

@@ -174,7 +174,10 @@ public:
         return int32_t(decodeInt64(key, defaultValue));
     }
     int64_t decodeInt64(std::string_view key, int64_t defaultValue = 0) const;
-    int64_t decodeInteger(std::string_view key, int64_t defaultValue = 0) const { return decodeInt64(key, defaultValue); }
+    int64_t decodeInteger(std::string_view key, int64_t defaultValue = 0) const
+    {
+        return decodeInt64(key, defaultValue);
+    }
     double decodeDouble(std::string_view key, double defaultValue = 0) const;
     float decodeFloat(std::string_view key, float defaultValue = 0) const
     {
