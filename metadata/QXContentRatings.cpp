@@ -8,7 +8,6 @@
 #include <unicode/uloc.h>
 
 #include "QXMetaDataText.h"
-#include "QXPropertyList.h"
 #include "qxmedia/core/QXMedia.h"
 
 const char QXRatingsStandard[] = "standard";

@@ -370,37 +370,32 @@ std::shared_ptr<QXMetaData> QXMetaData::copy() const
 
 // --- Archiving
 
-QXValue QXMetaData::encodeWithCoder() const
+QX_REGISTER_CODING_CLASS(QXMetaData);
+
+void QXMetaData::encodeWithCoder(QXKeyedArchiver& coder) const
 {
-    QXDictionary archive;
+    installArtworkArchiving();
     barrierQueue_->read([&] {
         for (const auto& key : defaultKeys()) {
             try {
-                QXValue value = valueForKey(key);
-                if (key == QXArtworks) value = archivedArtworks(value);
-                else if (const QXURL* url = value.url()) value = QXValue(url->string());
-                if (!value.isNull()) archive.insert_or_assign(key, std::move(value));
+                coder.encodeObject(valueForKey(key), key);
             } catch (const std::exception& exception) {
                 QXLogWarning("Exception encoding: %s", exception.what());
             }
         }
-        archive.insert_or_assign("tagsDict", QXValue(tagsDict_));
+        coder.encodeObject(QXValue(tagsDict_), "tagsDict");
     });
-    return archive;
 }
 
-std::shared_ptr<QXMetaData> QXMetaData::initWithCoder(const QXValue& archive)
+std::shared_ptr<QXMetaData> QXMetaData::initWithCoder(QXKeyedUnarchiver& coder)
 {
-    if (!archive.dictionary()) return nullptr;
+    installArtworkArchiving();
     auto record = init();
-    for (const auto& key : defaultKeys()) {
-        const QXValue* value = archive.find(key);
-        if (value && key == QXArtworks) record->setValue(unarchivedArtworks(*value), key);
-        else record->setValue(value ? *value : QXValue(), key);
-    }
-    if (const QXValue* tags = archive.find("tagsDict"); tags && tags->dictionary()) {
+    for (const auto& key : defaultKeys()) record->setValue(coder.decodeObject(key), key);
+    const QXValue tags = coder.decodeObject("tagsDict");
+    if (const QXDictionary* entries = tags.dictionary()) {
         record->barrierQueue_->write([&] {
-            for (const auto& [key, value] : *tags->dictionary()) record->tagsDict_.insert_or_assign(key, value);
+            for (const auto& [key, value] : *entries) record->tagsDict_.insert_or_assign(key, value);
         });
     }
     return record;

@@ -2,8 +2,10 @@
 // "no image" marker, and its PNG form.
 
 #include <algorithm>
+#include <mutex>
 
 #include "qxmedia/metadata/QXMetaData.h"
+#include "qxmedia/platform/image/QXImage.h"
 
 QXImageRef QXMetaData::artwork() const
 {
@@ -25,15 +27,34 @@ void QXMetaData::setArtwork(QXImageRef image)
 
 QXData QXMetaData::artworkData() const
 {
-    return {};
+    QXImageRef image = artwork();
+    if (!image) return {};
+    if (artworkType == 2 && videoKind == 10) {
+        const int width = int(image->size().width);
+        const int height = int(image->size().height);
+        if (width != height) {
+            // Centred on a transparent square; nothing is scaled.
+            const int side = std::max(width, height);
+            auto square = QXImage::imageWithSize(side, side);
+            if (square) {
+                square->drawImage(*image, int((side - width) * 0.5), int((side - height) * 0.5),
+                                  QXCompositingOperation::Copy);
+                return square->PNGRepresentation();
+            }
+        }
+    }
+    return image->PNGRepresentation();
 }
 
-QXValue QXMetaData::archivedArtworks(const QXValue& artworks)
+void QXMetaData::installArtworkArchiving()
 {
-    return artworks;
-}
-
-QXValue QXMetaData::unarchivedArtworks(const QXValue& archived)
-{
-    return archived;
+    static std::once_flag once;
+    std::call_once(once, [] {
+        QXSetImageArchiveCoding(
+            [](const QXImageRef& image) -> std::optional<QXData> {
+                QXData png = image ? image->PNGRepresentation() : QXData();
+                return png.empty() ? std::nullopt : std::optional<QXData>(std::move(png));
+            },
+            [](const QXData& data) -> QXImageRef { return QXImage::imageWithData(data); });
+    });
 }

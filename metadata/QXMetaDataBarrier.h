@@ -1,28 +1,22 @@
 #pragma once
-// The record's "barrier queue": any number of synchronous readers at once, a
-// writer alone. A read nested inside a read of the same thread proceeds even
-// while a writer waits (the record's reads call each other), so a waiting
-// writer never deadlocks the reader it waits for.
+// The record's "barrier queue": a concurrent dispatch queue on which reads
+// run side by side and a write runs alone. Reads nest (the record's reads
+// call each other), and a nested read proceeds even while a writer waits.
 
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <string>
+
+#include "qxmedia/platform/dispatch/dispatch.h"
 
 class QXMetaDataBarrier {
 public:
-    explicit QXMetaDataBarrier(std::string label) : label_(std::move(label)) {}
+    explicit QXMetaDataBarrier(std::string label);
 
-    void read(const std::function<void()>& block) const;
-    void write(const std::function<void()>& block);
+    void read(const std::function<void()>& block) const;   // dispatch_sync
+    void write(const std::function<void()>& block);        // dispatch_barrier_sync
 
-    const std::string& label() const { return label_; }
+    const char* label() const { return qx::dispatch_queue_get_label(queue_); }
 
 private:
-    std::string label_;
-    mutable std::mutex lock_;
-    mutable std::condition_variable changed_;
-    mutable int readers_ = 0;
-    mutable int writersWaiting_ = 0;
-    mutable bool writing_ = false;
+    qx::dispatch_queue_t queue_;
 };

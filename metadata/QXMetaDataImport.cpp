@@ -10,7 +10,6 @@ extern "C" {
 #include <unordered_map>
 
 #include "QXMetaDataText.h"
-#include "QXPropertyList.h"
 #include "qxmedia/core/QXMedia.h"
 #include "qxmedia/metadata/QXMetaData.h"
 
@@ -125,7 +124,7 @@ struct QXMetaDataImport {
              [](QXMetaData& m, const char* v) { m.setContentRatingStringMP4(QXMetaData::stringFromMetadata(v)); }},
             {"iTunMOVI",
              [](QXMetaData& m, const char* v) {
-                 if (auto plist = propertyListFromBytes(QXMetaData::stringFromMetadata(v))) m.setCredits(*plist, true);
+                 if (auto plist = propertyListFromText(QXMetaData::stringFromMetadata(v))) m.setCredits(*plist, true);
              }},
             // Known and of no use to the record.
             {"creation_time", nullptr},

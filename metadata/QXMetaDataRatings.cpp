@@ -5,7 +5,6 @@
 #include <cstdio>
 
 #include "QXMetaDataText.h"
-#include "QXPropertyList.h"
 #include "qxmedia/metadata/QXContentRatings.h"
 #include "qxmedia/metadata/QXMetaData.h"
 
@@ -73,7 +72,7 @@ std::optional<std::string> QXMetaData::iTunMOVI() const
 
 void QXMetaData::setITunMOVI(std::string_view text)
 {
-    auto plist = propertyListFromBytes(text);
+    auto plist = propertyListFromText(text);
     if (plist) setCredits(*plist, false);
 }
 

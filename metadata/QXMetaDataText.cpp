@@ -1,6 +1,10 @@
 #include "QXMetaDataText.h"
 
+#include <fstream>
+#include <iterator>
 #include <limits>
+
+#include "qxmedia/platform/plist/QXPropertyListSerialization.h"
 
 namespace qx::metadata {
 
@@ -94,6 +98,27 @@ bool isValidUTF8(std::string_view text)
         i += length;
     }
     return true;
+}
+
+std::optional<QXValue> propertyListFromText(std::string_view text)
+{
+    // Options 2: mutable containers and leaves, which values always are.
+    return QXPropertyListSerialization::propertyListWithData(text.data(), text.size(), 2);
+}
+
+std::optional<QXValue> propertyListFromFile(const QXURL& url)
+{
+    std::ifstream file(url, std::ios::binary);
+    if (!file) return std::nullopt;
+    const std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    return propertyListFromText(bytes);
+}
+
+std::optional<std::string> xmlPropertyList(const QXValue& value)
+{
+    auto data = QXPropertyListSerialization::dataWithPropertyList(value, QXPropertyListFormat::XML);
+    if (!data) return std::nullopt;
+    return std::string(data->begin(), data->end());
 }
 
 } // namespace qx::metadata

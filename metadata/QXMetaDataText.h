@@ -6,7 +6,10 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <optional>
 #include <vector>
+
+#include "qxmedia/platform/foundation/QXValue.h"
 
 namespace qx::metadata {
 
@@ -19,5 +22,12 @@ bool boolValue(std::string_view text);
 // Parts of text between separators; "a|b|" gives "a", "b", "".
 std::vector<std::string> split(std::string_view text, char separator);
 bool isValidUTF8(std::string_view text);
+
+// The property list in a file (XML or binary); nullopt when there is none.
+std::optional<QXValue> propertyListFromFile(const QXURL& url);
+// The property list in text; nullopt when it is none.
+std::optional<QXValue> propertyListFromText(std::string_view text);
+// The XML property list of a value, as text.
+std::optional<std::string> xmlPropertyList(const QXValue& value);
 
 } // namespace qx::metadata

@@ -5,6 +5,7 @@
 #include "qxmedia/metadata/QXMetaData.h"
 #include "qxmedia/platform/foundation/QXLocalization.h"
 #include "qxmedia/platform/foundation/QXUserDefaults.h"
+#include "qxmedia/platform/image/QXImage.h"
 #include "support/TestMedia.h"
 
 namespace {
@@ -196,16 +197,13 @@ TEST(MetaDataRecord, ArchiveRoundTripKeepsValuesFreeFormKeysAndAbsence)
     record->contentRating = 300;
     record->videoKind = 9;
     record->gapless = true;
+    record->compilation = true;
     record->album.clear();
     record->setValue(QXValue(QXDictionary {{"k", QXValue(1)}}), "free");
 
-    const QXValue archive = record->encodeWithCoder();
-    ASSERT_TRUE(archive.dictionary());
-    EXPECT_TRUE(archive.find("tagsDict"));
-    EXPECT_FALSE(archive.find(QXAlbum)); // absent values are not stored
-    EXPECT_FALSE(archive.find(QXCompilation));
-
-    auto back = QXMetaData::initWithCoder(archive);
+    auto data = QXKeyedArchiver::archivedDataWithRootObject(*record);
+    ASSERT_TRUE(data);
+    auto back = QXKeyedUnarchiver::unarchivedObjectOfClass<QXMetaData>(*data);
     ASSERT_TRUE(back);
     EXPECT_EQ(*back->name.get(), "Name");
     EXPECT_EQ(*back->imdbId.get(), "tt0133093");
@@ -216,19 +214,71 @@ TEST(MetaDataRecord, ArchiveRoundTripKeepsValuesFreeFormKeysAndAbsence)
     EXPECT_EQ(back->contentRating, 300u);
     EXPECT_EQ(back->videoKind, 9);
     EXPECT_TRUE(back->gapless);
+    EXPECT_FALSE(back->compilation); // not one of the archived keys
     EXPECT_TRUE(back->album.isNull());
     EXPECT_EQ(back->valueForKey("free"), QXValue(QXDictionary {{"k", QXValue(1)}}));
+    EXPECT_EQ(back->allKeys().size(), 82u);
 
     // A key missing from the archive decodes as nil: texts absent, numbers 0.
-    QXDictionary partial = *archive.dictionary();
-    partial.erase(QXContentRating);
-    partial.erase(QXName);
-    partial.erase("tagsDict");
-    auto sparse = QXMetaData::initWithCoder(QXValue(partial));
+    QXValue archive = QXKeyedArchiver::archivedPropertyListWithRootObject(*record);
+    QXDictionary* root = (*archive.dictionary())["$top"].dictionary();
+    ASSERT_TRUE(root);
+    QXDictionary* object = (*root)["root"].dictionary();
+    ASSERT_TRUE(object);
+    EXPECT_TRUE(object->count("tagsDict"));
+    EXPECT_FALSE(object->count(QXAlbum)); // absent values are not stored
+    object->erase(QXContentRating);
+    object->erase(QXName);
+    object->erase("tagsDict");
+    auto sparse = std::dynamic_pointer_cast<QXMetaData>(QXKeyedUnarchiver::unarchiveObjectWithPropertyList(archive));
+    ASSERT_TRUE(sparse);
     EXPECT_EQ(sparse->contentRating, 0u);
     EXPECT_TRUE(sparse->name.isNull());
     EXPECT_EQ(sparse->allKeys().size(), 81u);
-    EXPECT_FALSE(QXMetaData::initWithCoder(QXValue("no archive")));
+}
+
+TEST(MetaDataRecord, ArtworkListMarkerAndPNG)
+{
+    auto record = QXMetaData::init();
+    auto wide = std::shared_ptr<const QXImage>(QXImage::imageWithSize(300, 200));
+    auto other = std::shared_ptr<const QXImage>(QXImage::imageWithSize(20, 20));
+    ASSERT_TRUE(wide && other);
+    EXPECT_TRUE(record->artworkData().empty());
+
+    record->setArtwork(other);
+    record->setArtwork(wide);
+    record->setArtwork(other); // moves to the front, once
+    EXPECT_EQ(*record->artworks.get(), (QXArtworkList {other, wide}));
+    record->setArtwork(nullptr);
+    EXPECT_EQ(record->artwork(), nullptr);
+    EXPECT_EQ(record->artworks.get()->size(), 3u);
+    EXPECT_EQ(record->artworks.get()->at(1), other);
+    record->setArtwork(wide);
+    EXPECT_EQ(*record->artworks.get(), (QXArtworkList {wide, other}));
+
+    auto sizeOf = [](const QXData& png) {
+        auto image = QXImage::imageWithData(png);
+        return image ? std::make_pair(image->pixelsWide(), image->pixelsHigh()) : std::make_pair(0, 0);
+    };
+    EXPECT_EQ(sizeOf(record->artworkData()), std::make_pair(300, 200));
+    record->artworkType = 2;
+    EXPECT_EQ(sizeOf(record->artworkData()), std::make_pair(300, 200)); // not a TV show
+    record->videoKind = 10;
+    EXPECT_EQ(sizeOf(record->artworkData()), std::make_pair(300, 300));
+    record->artworkType = 0;
+    EXPECT_EQ(sizeOf(record->artworkData()), std::make_pair(300, 200));
+
+    // Archived artwork comes back as images, the marker as the marker.
+    record->setArtwork(nullptr);
+    auto data = QXKeyedArchiver::archivedDataWithRootObject(*record);
+    ASSERT_TRUE(data);
+    auto back = QXKeyedUnarchiver::unarchivedObjectOfClass<QXMetaData>(*data);
+    ASSERT_TRUE(back && back->artworks.get());
+    const auto& list = *back->artworks.get();
+    ASSERT_EQ(list.size(), 3u);
+    EXPECT_EQ(list[0], nullptr);
+    ASSERT_TRUE(list[1]);
+    EXPECT_EQ(list[1]->pixelsWide(), 300);
 }
 
 TEST(MetaDataRecord, TitleAndDefinition)

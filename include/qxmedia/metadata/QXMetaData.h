@@ -17,6 +17,7 @@
 
 #include "qxmedia/metadata/QXAtomicObject.h"
 #include "qxmedia/platform/foundation/QXValue.h"
+#include "qxmedia/platform/plist/QXKeyedArchiver.h"
 
 struct AVDictionary;
 class QXMetaDataBarrier;
@@ -118,7 +119,7 @@ using QXStringList = std::vector<std::string>;
 // marker that setArtwork(nullptr) puts in front.
 using QXArtworkList = std::vector<QXImageRef>;
 
-class QXMetaData {
+class QXMetaData : public QXCoding {
     struct Private {};
 
 public:
@@ -133,12 +134,12 @@ public:
     // (.eyetvr). An unreadable file gives a record with nothing set.
     static std::shared_ptr<QXMetaData> initWithFromURLEyeTVp(const QXURL& url);
     static std::shared_ptr<QXMetaData> initWithFromURLEyeTVr(const QXURL& url);
-    // The record kept in an archive made by encodeWithCoder; null when the
-    // archive is no dictionary.
-    static std::shared_ptr<QXMetaData> initWithCoder(const QXValue& archive);
+    // The record of a keyed archive: every key of the table (a missing one
+    // is nil: texts absent, numbers 0) and the free-form keys.
+    static std::shared_ptr<QXMetaData> initWithCoder(QXKeyedUnarchiver& coder);
 
     explicit QXMetaData(Private);
-    ~QXMetaData();
+    ~QXMetaData() override;
     QXMetaData(const QXMetaData&) = delete;
     QXMetaData& operator=(const QXMetaData&) = delete;
 
@@ -267,9 +268,10 @@ public:
     // its snapshot of defaults is its own.
     std::shared_ptr<QXMetaData> copy() const;
 
-    // The archive of this record: a dictionary of each key of the table that
-    // has a value, plus "tagsDict".
-    QXValue encodeWithCoder() const;
+    // Archives each key of the table under its own name, and the free-form
+    // keys under "tagsDict".
+    std::string className() const override { return "QXMetaData"; }
+    void encodeWithCoder(QXKeyedArchiver& coder) const override;
 
     // --- Derived values.
     QXImageRef artwork() const;
@@ -311,9 +313,8 @@ private:
     Snapshot snapshotForKey(std::string_view key) const;
     std::vector<std::string> allKeysLocked() const;
     void setCredits(const QXValue& plist, bool checkTypes);
-    // Artworks in an archive are PNG data, the "no image" marker empty data.
-    static QXValue archivedArtworks(const QXValue& artworks);
-    static QXValue unarchivedArtworks(const QXValue& archived);
+    // Archives hold artwork as PNG; installed once, on first archiving.
+    static void installArtworkArchiving();
     friend struct QXMetaDataImport;
 
     std::unique_ptr<QXMetaDataBarrier> barrierQueue_;
