@@ -1,18 +1,455 @@
 #include "qxmedia/mp4/MP4File.h"
 
-#include <fstream>
+#include "qxmedia/mp4/MP4Log.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cinttypes>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace qx::mp4 {
 
-// Placeholder until the box parser lands: a file that opens counts as read.
-std::unique_ptr<MP4File> MP4File::read(const std::filesystem::path& path)
+namespace {
+
+// Top-level boxes larger than this stay in the file unless they are moov.
+constexpr uint64_t kLoadLimit = 1 << 20;
+// A moov this big is not a real one.
+constexpr uint64_t kMoovLimit = uint64_t(1) << 30;
+
+bool isFree(FourCC type) { return type == kFree || type == kSkip || type == kWide; }
+
+} // namespace
+
+MP4File::MP4File(const std::filesystem::path& path, Mode mode) : path_(path), mode_(mode) {}
+
+MP4File::~MP4File()
 {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return nullptr;
-    return std::unique_ptr<MP4File>(new MP4File());
+    if (fd_ >= 0) close();
 }
 
-void MP4File::close() {}
-MP4File::~MP4File() = default;
+std::unique_ptr<MP4File> MP4File::read(const std::filesystem::path& path)
+{
+    std::unique_ptr<MP4File> file(new MP4File(path, Mode::Read));
+    if (!file->open() || !file->parse()) return nullptr;
+    return file;
+}
+
+std::unique_ptr<MP4File> MP4File::modify(const std::filesystem::path& path)
+{
+    std::unique_ptr<MP4File> file(new MP4File(path, Mode::Modify));
+    if (!file->open() || !file->parse()) return nullptr;
+    return file;
+}
+
+bool MP4File::open()
+{
+    int flags = O_CLOEXEC;
+    if (mode_ == Mode::Read)
+        flags |= O_RDONLY;
+    else if (mode_ == Mode::Modify)
+        flags |= O_RDWR;
+    else
+        flags |= O_RDWR | O_CREAT | O_TRUNC;
+    fd_ = ::open(path_.c_str(), flags, 0644);
+    if (fd_ < 0) {
+        MP4Log(MP4_LOG_ERROR, "failed to open \"%s\": %s", path_.c_str(), std::strerror(errno));
+        return false;
+    }
+    struct stat st {};
+    if (::fstat(fd_, &st) != 0 || !S_ISREG(st.st_mode)) {
+        MP4Log(MP4_LOG_ERROR, "\"%s\" is not a regular file", path_.c_str());
+        ::close(fd_);
+        fd_ = -1;
+        return false;
+    }
+    fileSize_ = uint64_t(st.st_size);
+    return true;
+}
+
+bool MP4File::readAt(uint64_t offset, void* data, size_t size) const
+{
+    auto p = static_cast<uint8_t*>(data);
+    while (size > 0) {
+        ssize_t n = ::pread(fd_, p, size, off_t(offset));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        p += n;
+        offset += uint64_t(n);
+        size -= size_t(n);
+    }
+    return true;
+}
+
+bool MP4File::writeAt(uint64_t offset, const void* data, size_t size)
+{
+    auto p = static_cast<const uint8_t*>(data);
+    while (size > 0) {
+        ssize_t n = ::pwrite(fd_, p, size, off_t(offset));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            MP4Log(MP4_LOG_ERROR, "failed to write \"%s\": %s", path_.c_str(), std::strerror(errno));
+            writeFailed_ = true;
+            return false;
+        }
+        p += n;
+        offset += uint64_t(n);
+        size -= size_t(n);
+    }
+    fileSize_ = std::max(fileSize_, offset);
+    return true;
+}
+
+bool MP4File::parse()
+{
+    uint64_t offset = 0;
+    while (offset < fileSize_) {
+        uint64_t available = fileSize_ - offset;
+        uint8_t head[16] = {};
+        size_t headSize = size_t(std::min<uint64_t>(available, 16));
+        if (!readAt(offset, head, headSize)) {
+            MP4Log(MP4_LOG_ERROR, "failed to read \"%s\" at %" PRIu64, path_.c_str(), offset);
+            damaged_ = true;
+            break;
+        }
+        if (available < 8) {
+            if (std::any_of(head, head + headSize, [](uint8_t b) { return b != 0; })) {
+                MP4Log(MP4_LOG_ERROR, "invalid atom size: %" PRIu64 " stray bytes at the end", available);
+                damaged_ = true;
+            }
+            break;
+        }
+        ByteReader in(head, headSize);
+        BoxParser::Header header;
+        if (!BoxParser::readHeader(in, available, offset, header)) {
+            damaged_ = true;
+            break;
+        }
+        uint64_t payloadOffset = offset + header.headerSize;
+        uint64_t payloadSize = header.size - header.headerSize;
+        std::unique_ptr<Box> box;
+        bool load = header.type == kMoov ? payloadSize <= kMoovLimit
+                                         : header.type != kMdat && payloadSize <= kLoadLimit;
+        if (load) {
+            std::vector<uint8_t> payload(payloadSize);
+            if (!readAt(payloadOffset, payload.data(), payload.size())) {
+                damaged_ = true;
+                break;
+            }
+            bool damaged = false;
+            box = BoxParser::parsePayload(header.type, 0, ByteReader(payload), payloadOffset, 1, &damaged);
+            damaged_ = damaged_ || damaged;
+        } else {
+            auto range = std::make_unique<FileRangeBox>(header.type);
+            range->payloadOffset = payloadOffset;
+            range->payloadSize = payloadSize;
+            box = std::move(range);
+        }
+        box->fileOffset = offset;
+        box->fileSize = header.size;
+        box->largeSize = header.headerSize == 16;
+        root_.addChild(std::move(box));
+        offset += header.size;
+    }
+    if (!moov()) {
+        MP4Log(MP4_LOG_ERROR, "no moov atom found in \"%s\"", path_.c_str());
+        return false;
+    }
+    adoptTracks();
+    return true;
+}
+
+void MP4File::adoptTracks()
+{
+    tracks_.clear();
+    for (Box* trak : moov()->findChildren(kTrak)) {
+        auto track = std::make_unique<MP4Track>(*this, *trak);
+        if (!track->tkhd()) continue; // a trak without header is no track
+        tracks_.push_back(std::move(track));
+    }
+}
+
+Box* MP4File::moov() const { return root_.findChild(kMoov); }
+FtypBox* MP4File::ftyp() const { return root_.findChild<FtypBox>(); }
+
+MvhdBox* MP4File::mvhd() const
+{
+    Box* m = moov();
+    return m ? m->findChild<MvhdBox>() : nullptr;
+}
+
+Box* MP4File::movieUserData(bool create)
+{
+    Box* m = moov();
+    if (!m) return nullptr;
+    Box* udta = m->findChild(kUdta);
+    if (!udta && create) udta = m->addChild(std::make_unique<ContainerBox>(kUdta));
+    return udta;
+}
+
+uint32_t MP4File::timeScale() const
+{
+    MvhdBox* m = mvhd();
+    return m ? m->timescale : 0;
+}
+
+void MP4File::setTimeScale(uint32_t timescale)
+{
+    if (MvhdBox* m = mvhd(); m && timescale) m->timescale = timescale;
+}
+
+uint64_t MP4File::duration() const
+{
+    MvhdBox* m = mvhd();
+    return m ? m->duration : 0;
+}
+
+void MP4File::setVideoProfileLevel(uint8_t level)
+{
+    if (Box* m = moov())
+        if (auto iods = m->findChild<IodsBox>(); iods && iods->parsed) iods->visualProfileLevel = level;
+}
+
+void MP4File::setAudioProfileLevel(uint8_t level)
+{
+    if (Box* m = moov())
+        if (auto iods = m->findChild<IodsBox>(); iods && iods->parsed) iods->audioProfileLevel = level;
+}
+
+uint8_t MP4File::videoProfileLevel() const
+{
+    Box* m = moov();
+    auto iods = m ? m->findChild<IodsBox>() : nullptr;
+    return iods && iods->parsed ? iods->visualProfileLevel : 0xFF;
+}
+
+uint8_t MP4File::audioProfileLevel() const
+{
+    Box* m = moov();
+    auto iods = m ? m->findChild<IodsBox>() : nullptr;
+    return iods && iods->parsed ? iods->audioProfileLevel : 0xFF;
+}
+
+std::vector<MP4Track*> MP4File::tracks() const
+{
+    std::vector<MP4Track*> list;
+    for (const auto& t : tracks_) list.push_back(t.get());
+    return list;
+}
+
+MP4Track* MP4File::track(uint32_t trackId) const
+{
+    for (const auto& t : tracks_)
+        if (t->id() == trackId) return t.get();
+    return nullptr;
+}
+
+uint32_t MP4File::findTrackId(size_t index, FourCC type) const
+{
+    for (const auto& t : tracks_)
+        if ((type == 0 || t->type() == type) && index-- == 0) return t->id();
+    return 0;
+}
+
+uint32_t MP4File::nextTrackId() const
+{
+    uint32_t next = 1;
+    for (const auto& t : tracks_) next = std::max(next, t->id() + 1);
+    if (MvhdBox* m = mvhd(); m && m->nextTrackId > next && m->nextTrackId != UINT32_MAX) next = m->nextTrackId;
+    return next;
+}
+
+bool MP4File::deleteTrack(uint32_t trackId)
+{
+    if (mode_ == Mode::Read) return false;
+    for (size_t i = 0; i < tracks_.size(); ++i) {
+        if (tracks_[i]->id() != trackId) continue;
+        Box* trak = &tracks_[i]->trak();
+        tracks_.erase(tracks_.begin() + std::ptrdiff_t(i));
+        moov()->removeChild(trak);
+        // References to the deleted track go with it.
+        for (const auto& other : tracks_) {
+            for (auto& [type, ids] : other->allReferences()) {
+                if (std::find(ids.begin(), ids.end(), trackId) == ids.end()) continue;
+                std::erase(ids, trackId);
+                if (ids.empty())
+                    other->removeReferences(type);
+                else
+                    other->setReferences(type, ids);
+            }
+        }
+        return true;
+    }
+    return false;
+}
+
+bool MP4File::appendMediaData(const uint8_t* data, size_t size, uint64_t& offset)
+{
+    if (mode_ == Mode::Read || writeFailed_) return false;
+    if (mdatOffset_ == 0) {
+        // Modify: new samples go into a new mdat at the end of the file.
+        mdatOffset_ = fileSize_;
+        uint8_t header[16] = {0, 0, 0, 1, 'm', 'd', 'a', 't'};
+        if (!writeAt(mdatOffset_, header, 16)) return false;
+        writePosition_ = mdatOffset_ + 16;
+        options_.use64BitData = true;
+    }
+    offset = writePosition_;
+    if (!writeAt(writePosition_, data, size)) return false;
+    writePosition_ += size;
+    return true;
+}
+
+bool MP4File::setTrackDurationPerChunk(uint32_t trackId, uint64_t duration)
+{
+    MP4Track* t = track(trackId);
+    if (!t) return false;
+    t->setDurationPerChunk(duration);
+    return true;
+}
+
+uint64_t MP4File::trackDurationPerChunk(uint32_t trackId) const
+{
+    MP4Track* t = track(trackId);
+    return t ? t->durationPerChunk() : UINT64_MAX;
+}
+
+uint64_t MP4File::convertFromTrackDuration(uint32_t trackId, uint64_t duration) const
+{
+    MP4Track* t = track(trackId);
+    uint32_t from = t ? t->timeScale() : 0;
+    uint32_t to = timeScale();
+    if (!from || !to) return 0;
+    // Round to the nearest, without overflow for any 64-bit duration.
+    unsigned __int128 v = (unsigned __int128)duration * to + from / 2;
+    return uint64_t(v / from);
+}
+
+bool MP4File::writeSample(uint32_t trackId, const uint8_t* data, size_t size, int64_t duration,
+                          int64_t renderingOffset, bool isSync)
+{
+    MP4Track* t = track(trackId);
+    return t && t->writeSample(data, size, duration, renderingOffset, isSync, std::nullopt);
+}
+
+bool MP4File::writeSampleDependency(uint32_t trackId, const uint8_t* data, size_t size, int64_t duration,
+                                    int64_t renderingOffset, bool isSync, uint8_t dependencyFlags)
+{
+    MP4Track* t = track(trackId);
+    return t && t->writeSample(data, size, duration, renderingOffset, isSync, dependencyFlags);
+}
+
+// ---------------------------------------------------------------------------
+// Closing
+
+void MP4File::finishTracks(uint32_t flags)
+{
+    uint32_t movieTimescale = timeScale();
+    uint64_t movieDuration = 0;
+    for (const auto& t : tracks_) {
+        t->finish(movieTimescale);
+        if (!(flags & MP4_CLOSE_DO_NOT_COMPUTE_BITRATE)) {
+            uint32_t average = 0, peak = 0, buffer = 0;
+            t->computeBitrates(average, peak, buffer);
+            if (auto esds = t->sampleEntryChild<EsdsBox>()) {
+                esds->avgBitrate = average;
+                esds->maxBitrate = peak;
+                esds->bufferSizeDB = buffer;
+            }
+            if (auto btrt = t->sampleEntryChild<BtrtBox>()) {
+                btrt->avgBitrate = average;
+                btrt->maxBitrate = peak;
+                btrt->bufferSizeDB = buffer;
+            }
+        }
+        if (auto tkhd = t->tkhd()) movieDuration = std::max(movieDuration, tkhd->duration);
+    }
+    if (MvhdBox* m = mvhd()) {
+        m->duration = movieDuration;
+        m->nextTrackId = nextTrackId();
+    }
+}
+
+bool MP4File::close(uint32_t flags)
+{
+    if (fd_ < 0) return true;
+    bool ok = true;
+    if (mode_ == Mode::Create)
+        ok = writeMoovCreated(flags);
+    else if (mode_ == Mode::Modify)
+        ok = writeMoovModified(flags);
+    if (::close(fd_) != 0) ok = false;
+    fd_ = -1;
+    return ok && !writeFailed_;
+}
+
+bool MP4File::writeMoovCreated(uint32_t flags)
+{
+    for (const auto& t : tracks_) t->flushChunk();
+    finishTracks(flags);
+    uint64_t mdatSize = writePosition_ - mdatOffset_;
+    if (options_.use64BitData) {
+        uint8_t size[8];
+        writeBE64(size, mdatSize);
+        writeAt(mdatOffset_ + 8, size, 8);
+    } else if (mdatSize <= UINT32_MAX) {
+        uint8_t size[4];
+        writeBE32(size, uint32_t(mdatSize));
+        writeAt(mdatOffset_, size, 4);
+    } else {
+        // Widen into the free box reserved in front of the mdat header.
+        uint8_t header[16] = {0, 0, 0, 1, 'm', 'd', 'a', 't'};
+        writeBE64(header + 8, mdatSize + 8);
+        writeAt(mdatOffset_ - 8, header, 16);
+    }
+    std::vector<uint8_t> bytes = moov()->toBytes();
+    writeAt(writePosition_, bytes.data(), bytes.size());
+    return !writeFailed_;
+}
+
+bool MP4File::writeMoovModified(uint32_t flags)
+{
+    for (const auto& t : tracks_) t->flushChunk();
+    finishTracks(flags);
+    if (mdatOffset_ != 0) {
+        uint8_t size[8];
+        writeBE64(size, writePosition_ - mdatOffset_);
+        writeAt(mdatOffset_ + 8, size, 8);
+    }
+    Box* old = moov();
+    std::vector<uint8_t> bytes = old->toBytes();
+
+    // Room in place: the old moov and the free boxes right around it.
+    const auto& top = root_.children();
+    size_t at = root_.indexOf(old);
+    size_t first = at, last = at;
+    while (first > 0 && isFree(top[first - 1]->type())) --first;
+    while (last + 1 < top.size() && isFree(top[last + 1]->type())) ++last;
+    uint64_t start = top[first]->fileOffset;
+    uint64_t room = top[last]->fileOffset + top[last]->fileSize - start;
+    // Samples appended in this session may lie right after; never overwrite them.
+    if (mdatOffset_ != 0 && mdatOffset_ < start + room) room = mdatOffset_ > start ? mdatOffset_ - start : 0;
+
+    if (bytes.size() == room || bytes.size() + 8 <= room) {
+        if (!writeAt(start, bytes.data(), bytes.size())) return false;
+        uint64_t left = room - bytes.size();
+        if (left >= 8) {
+            uint8_t header[8];
+            writeBE32(header, uint32_t(left));
+            std::memcpy(header + 4, "free", 4);
+            if (!writeAt(start + bytes.size(), header, 8)) return false;
+        }
+        return ::fsync(fd_) == 0;
+    }
+
+    // Append; the old moov is given up only once the new one is on disk.
+    uint64_t end = std::max(fileSize_, writePosition_);
+    if (!writeAt(end, bytes.data(), bytes.size())) return false;
+    if (::fsync(fd_) != 0) return false;
+    if (!writeAt(old->fileOffset + 4, "free", 4)) return false;
+    return ::fsync(fd_) == 0;
+}
 
 } // namespace qx::mp4

@@ -1,21 +1,186 @@
 #pragma once
-// An MP4 file opened through the MP4 layer.
+// An MP4 file opened through the MP4 layer: read, modified in place, or
+// created and written sample by sample.
+//
+//   auto file = MP4File::read(path);           // parse only
+//   auto file = MP4File::modify(path);         // edit the model, close() writes moov
+//   auto file = MP4File::create(path, options) // add tracks, write samples, close()
+//
+// The box tree is `root()`; tracks are MP4Track objects by track ID. Nothing
+// of mdat is loaded: samples are read on request.
 
+#include "qxmedia/mp4/MP4Box.h"
+#include "qxmedia/mp4/MP4MovieBoxes.h"
+#include "qxmedia/mp4/MP4Track.h"
+
+#include <atomic>
 #include <filesystem>
+#include <functional>
+#include <map>
 #include <memory>
 
 namespace qx::mp4 {
 
+struct MP4CreateOptions {
+    // 64-bit mdat size from the start; without it a 32-bit mdat is widened at
+    // close when the data passes 4 GiB (a free box is reserved for that).
+    bool use64BitData = false;
+    bool addFtyp = true;
+    bool addIods = true;
+    FourCC majorBrand = fourcc("isom");
+    uint32_t minorVersion = 0;
+    std::vector<FourCC> compatibleBrands {fourcc("isom")};
+    uint32_t timeScale = 1000;
+};
+
+// close() flags.
+enum : uint32_t { MP4_CLOSE_DO_NOT_COMPUTE_BITRATE = 1 };
+
+// What the stock demuxer does not tell about a track of an MP4/MOV file.
+struct MP4TrackMetadata {
+    uint32_t trackId = 0;
+    std::map<std::string, std::vector<uint32_t>> references; // chap, fall, folw, forc (others too)
+    uint32_t flags = 0;
+    int16_t layer = 0;
+    int16_t alternateGroup = 0;
+    int16_t volume = 0;        // 8.8 fixed point as stored
+    std::string protectedType; // drmi, drms, drmt, or empty
+    // As stream metadata: "chap" = "2,3", "flags", "layer", "alternate_group",
+    // "volume" as decimal integers, "codec_tag" for protected entries.
+    std::map<std::string, std::string> dictionary() const;
+};
+
 class MP4File {
 public:
+    enum class Mode { Read, Modify, Create };
+
     // Opens and parses the file for reading; null when it cannot be read as
-    // MP4. Damage found while parsing is logged through MP4Log.
+    // MP4 (cannot be opened, or no moov). Damage found while parsing is
+    // logged through MP4Log.
     static std::unique_ptr<MP4File> read(const std::filesystem::path& path);
-    void close();
-    ~MP4File();
+    // Opens for in-place editing: close() writes the edited moov back.
+    static std::unique_ptr<MP4File> modify(const std::filesystem::path& path);
+    // Creates (truncates) a file: ftyp, an mdat that samples stream into, moov at close.
+    static std::unique_ptr<MP4File> create(const std::filesystem::path& path, const MP4CreateOptions& options = {});
+
+    ~MP4File(); // closes without error reporting if still open
+    MP4File(const MP4File&) = delete;
+    MP4File& operator=(const MP4File&) = delete;
+
+    // Writes what is pending (Modify, Create) and closes. Returns false when
+    // writing failed. Calling it twice is harmless.
+    bool close(uint32_t flags = 0);
+    bool isOpen() const { return fd_ >= 0; }
+    Mode mode() const { return mode_; }
+    const std::filesystem::path& path() const { return path_; }
+    uint64_t fileSize() const { return fileSize_; }
+    // True when the parser found damage (see MP4Log).
+    bool damaged() const { return damaged_; }
+
+    // The box tree.
+    RootBox& root() { return root_; }
+    Box* moov() const;
+    FtypBox* ftyp() const;
+    MvhdBox* mvhd() const;
+    // moov/udta, made when asked.
+    Box* movieUserData(bool create);
+
+    // Movie.
+    uint32_t timeScale() const;
+    void setTimeScale(uint32_t timescale);
+    uint64_t duration() const; // movie timescale
+    void setVideoProfileLevel(uint8_t level);
+    void setAudioProfileLevel(uint8_t level);
+    uint8_t videoProfileLevel() const;
+    uint8_t audioProfileLevel() const;
+
+    // Tracks.
+    std::vector<MP4Track*> tracks() const;
+    size_t trackCount() const { return tracks_.size(); }
+    MP4Track* track(uint32_t trackId) const;
+    // The id of the index-th track (of a handler type, if given); 0 if none.
+    uint32_t findTrackId(size_t index, FourCC type = 0) const;
+    uint32_t nextTrackId() const;
+    bool deleteTrack(uint32_t trackId);
+
+    // New tracks (Create or Modify). Each returns the track id, 0 on failure.
+    // sampleDuration -1 means the samples bring their own durations.
+    uint32_t addH264VideoTrack(uint32_t timescale, int64_t sampleDuration, uint16_t width, uint16_t height,
+                               uint8_t profile, uint8_t profileCompatibility, uint8_t level,
+                               uint8_t lengthSizeMinusOne = 3);
+    bool addH264SequenceParameterSet(uint32_t trackId, const uint8_t* data, uint16_t size);
+    bool addH264PictureParameterSet(uint32_t trackId, const uint8_t* data, uint16_t size);
+    uint32_t addHEVCVideoTrack(uint32_t timescale, int64_t sampleDuration, uint16_t width, uint16_t height);
+    bool setHEVCConfiguration(uint32_t trackId, const uint8_t* data, size_t size); // hvcC content
+    uint32_t addJpegVideoTrack(uint32_t timescale, int64_t sampleDuration, uint16_t width, uint16_t height);
+    // AAC and other MPEG-4 audio (objectType 0x40 for AAC).
+    uint32_t addAudioTrack(uint32_t timescale, int64_t sampleDuration, uint8_t objectType = 0x40);
+    bool setTrackESConfiguration(uint32_t trackId, const uint8_t* data, size_t size);
+    uint32_t addAC3AudioTrack(uint32_t samplingRate, uint8_t fscod, uint8_t bsid, uint8_t bsmod, uint8_t acmod,
+                              uint8_t lfeon, uint8_t bitRateCode);
+    uint32_t addEAC3AudioTrack(uint32_t samplingRate, const uint8_t* dec3, size_t size);
+    // tx3g subtitles (handler sbtl).
+    uint32_t addSubtitleTrack(uint32_t timescale, uint16_t width, uint16_t height);
+    // QuickTime text track for chapter titles, referenced by `refTrackId`
+    // through tref/chap (when refTrackId is not 0).
+    uint32_t addChapterTextTrack(uint32_t refTrackId, uint32_t timescale = 0);
+    // Appends one chapter title lasting `duration` (chapter track timescale).
+    bool addChapter(uint32_t chapterTrackId, uint64_t duration, const std::string& title);
+    bool addPixelAspectRatio(uint32_t trackId, uint32_t hSpacing, uint32_t vSpacing);
+    bool addColr(uint32_t trackId, uint16_t primaries, uint16_t transfer, uint16_t matrix, bool fullRange,
+                 bool nclx = true);
+
+    // Samples. duration -1 takes the track's fixed duration.
+    bool writeSample(uint32_t trackId, const uint8_t* data, size_t size, int64_t duration = -1,
+                     int64_t renderingOffset = 0, bool isSync = true);
+    bool writeSampleDependency(uint32_t trackId, const uint8_t* data, size_t size, int64_t duration,
+                               int64_t renderingOffset, bool isSync, uint8_t dependencyFlags);
+    bool setTrackDurationPerChunk(uint32_t trackId, uint64_t duration);
+    uint64_t trackDurationPerChunk(uint32_t trackId) const; // UINT64_MAX if no such track
+    // Converts a duration of a track's timescale to the movie's.
+    uint64_t convertFromTrackDuration(uint32_t trackId, uint64_t duration) const;
+
+    // Source metadata of every track, by track id.
+    std::map<uint32_t, MP4TrackMetadata> copyTrackMetadata() const;
+
+    // Writes a copy with moov first and chunk offsets shifted. `progress`
+    // gets 0..1; returning false from `shouldCancel` stops (the partial
+    // output is removed). Both may be empty.
+    static bool optimize(const std::filesystem::path& source, const std::filesystem::path& destination,
+                         const std::function<void(double)>& progress = {},
+                         const std::function<bool()>& shouldCancel = {});
+
+    // Low-level I/O for the track writer and readers.
+    bool readAt(uint64_t offset, void* data, size_t size) const;
+    // Appends a chunk of sample data to mdat, returning its file offset.
+    bool appendMediaData(const uint8_t* data, size_t size, uint64_t& offset);
 
 private:
-    MP4File() = default;
+    MP4File(const std::filesystem::path& path, Mode mode);
+    bool open();
+    bool parse();
+    void adoptTracks();
+    MP4Track* newTrack(FourCC handler, uint32_t timescale, const std::string& handlerName);
+    Box* newSampleEntry(MP4Track& track, std::unique_ptr<Box> entry);
+    bool writeMoovCreated(uint32_t flags);
+    bool writeMoovModified(uint32_t flags);
+    void finishTracks(uint32_t flags);
+    bool writeAt(uint64_t offset, const void* data, size_t size);
+
+    std::filesystem::path path_;
+    Mode mode_;
+    int fd_ = -1;
+    uint64_t fileSize_ = 0;
+    bool damaged_ = false;
+    RootBox root_;
+    std::vector<std::unique_ptr<MP4Track>> tracks_;
+
+    // Create mode.
+    MP4CreateOptions options_;
+    uint64_t mdatOffset_ = 0; // start of the mdat header (after the reserved free box)
+    uint64_t writePosition_ = 0;
+    bool writeFailed_ = false;
+    friend class MP4Track;
 };
 
 } // namespace qx::mp4

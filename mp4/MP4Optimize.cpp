@@ -1,0 +1,147 @@
+// Rewriting a file with moov first, for progressive download.
+
+#include "qxmedia/mp4/MP4File.h"
+
+#include "qxmedia/mp4/MP4Log.h"
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace qx::mp4 {
+
+namespace {
+
+constexpr size_t kCopyBlock = 32 << 20;
+
+bool isFreeType(FourCC type) { return type == kFree || type == kSkip || type == kWide; }
+
+// Copies [offset, offset + size) of `in` to the end of `out`, block by block.
+bool copyRange(int in, uint64_t offset, uint64_t size, int out, uint64_t& done, uint64_t total,
+               const std::function<void(double)>& progress, const std::function<bool()>& shouldCancel)
+{
+    std::vector<uint8_t> buffer;
+    while (size > 0) {
+        if (shouldCancel && shouldCancel()) return false;
+        size_t block = size_t(std::min<uint64_t>(size, kCopyBlock));
+        // The kernel copies without bringing the data to user space where it can.
+        loff_t from = loff_t(offset);
+        ssize_t n = ::copy_file_range(in, &from, out, nullptr, block, 0);
+        if (n <= 0) {
+            if (n < 0 && errno == EINTR) continue;
+            // Not supported between these files: a plain read and write.
+            if (buffer.empty()) buffer.resize(kCopyBlock);
+            n = ::pread(in, buffer.data(), block, off_t(offset));
+            if (n <= 0) return false;
+            for (ssize_t written = 0; written < n;) {
+                ssize_t w = ::write(out, buffer.data() + written, size_t(n - written));
+                if (w < 0 && errno == EINTR) continue;
+                if (w <= 0) return false;
+                written += w;
+            }
+        }
+        offset += uint64_t(n);
+        size -= uint64_t(n);
+        done += uint64_t(n);
+        if (progress && total) progress(double(done) / double(total));
+    }
+    return true;
+}
+
+bool writeAll(int fd, const std::vector<uint8_t>& bytes)
+{
+    size_t written = 0;
+    while (written < bytes.size()) {
+        ssize_t n = ::write(fd, bytes.data() + written, bytes.size() - written);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        written += size_t(n);
+    }
+    return true;
+}
+
+} // namespace
+
+bool MP4File::optimize(const std::filesystem::path& source, const std::filesystem::path& destination,
+                       const std::function<void(double)>& progress, const std::function<bool()>& shouldCancel)
+{
+    auto file = read(source);
+    if (!file) return false;
+    Box* moovBox = file->moov();
+    FtypBox* ftypBox = file->ftyp();
+
+    // New order: ftyp, moov, then every other box except free space.
+    std::vector<Box*> rest;
+    for (const auto& box : file->root().children())
+        if (box.get() != moovBox && box.get() != ftypBox && !isFreeType(box->type())) rest.push_back(box.get());
+
+    // Chunk offsets move with the box that holds them. The size of moov
+    // depends on stco or co64, which depends on the offsets: settle it.
+    std::vector<ChunkOffsetBox*> tables;
+    for (MP4Track* track : file->tracks())
+        if (Box* stbl = track->stbl())
+            for (const auto& child : stbl->children())
+                if (auto offsets = dynamic_cast<ChunkOffsetBox*>(child.get())) tables.push_back(offsets);
+    std::vector<std::vector<uint64_t>> original;
+    for (auto table : tables) original.push_back(table->offsets);
+
+    uint64_t ftypSize = ftypBox ? ftypBox->size() : 0;
+    std::vector<uint8_t> moovBytes;
+    for (int round = 0; round < 4; ++round) {
+        uint64_t moovSize = moovBytes.empty() ? moovBox->size() : moovBytes.size();
+        uint64_t position = ftypSize + moovSize;
+        std::vector<std::pair<Box*, uint64_t>> placed; // box, new offset
+        for (Box* box : rest) {
+            placed.emplace_back(box, position);
+            position += box->fileSize;
+        }
+        for (size_t t = 0; t < tables.size(); ++t) {
+            for (size_t i = 0; i < original[t].size(); ++i) {
+                uint64_t offset = original[t][i];
+                for (const auto& [box, newOffset] : placed) {
+                    if (offset >= box->fileOffset && offset < box->fileOffset + box->fileSize) {
+                        offset = offset - box->fileOffset + newOffset;
+                        break;
+                    }
+                }
+                tables[t]->offsets[i] = offset;
+            }
+            tables[t]->chooseType();
+        }
+        std::vector<uint8_t> bytes = moovBox->toBytes();
+        bool settled = bytes.size() == moovSize;
+        moovBytes = std::move(bytes);
+        if (settled) break;
+    }
+
+    int in = file->fd_;
+    int out = ::open(destination.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (out < 0) {
+        MP4Log(MP4_LOG_ERROR, "failed to create \"%s\": %s", destination.c_str(), std::strerror(errno));
+        return false;
+    }
+    uint64_t total = 0;
+    for (Box* box : rest) total += box->fileSize;
+    uint64_t done = 0;
+    bool ok = true;
+    if (ftypBox) ok = writeAll(out, ftypBox->toBytes());
+    ok = ok && writeAll(out, moovBytes);
+    for (Box* box : rest) {
+        if (!ok) break;
+        ok = copyRange(in, box->fileOffset, box->fileSize, out, done, total, progress, shouldCancel);
+    }
+    if (::close(out) != 0) ok = false;
+    if (!ok) {
+        std::error_code ignored;
+        std::filesystem::remove(destination, ignored);
+        if (!(shouldCancel && shouldCancel()))
+            MP4Log(MP4_LOG_ERROR, "failed to optimize \"%s\"", source.c_str());
+        return false;
+    }
+    if (progress) progress(1.0);
+    return true;
+}
+
+} // namespace qx::mp4
