@@ -15,6 +15,8 @@ public:
                                                                   QXErrorRef* error = nullptr);
     static std::shared_ptr<QXAC3AudioTrack> initWithTrack(const QXTrack& track);
     std::shared_ptr<QXTrack> copy() const override;
+    std::string className() const override { return "QXAC3AudioTrack"; }
+    static std::shared_ptr<QXAC3AudioTrack> initWithCoder(QXKeyedUnarchiver& coder) { return decodeNew<QXAC3AudioTrack>(coder); }
 
     // As they stand in the bit stream of the first good frame.
     uint8_t fscod = 0;
@@ -32,7 +34,6 @@ public:
 protected:
     bool importStream(AVFormatContext* context, int streamIndex, QXErrorRef* error) override;
     void copyFrom(const QXTrack& other) override;
-    const char* className() const override { return "QXAC3AudioTrack"; }
 };
 
 class QXEAC3AudioTrack : public QXAudioTrack {
@@ -42,6 +43,8 @@ public:
                                                                    QXErrorRef* error = nullptr);
     static std::shared_ptr<QXEAC3AudioTrack> initWithTrack(const QXTrack& track);
     std::shared_ptr<QXTrack> copy() const override;
+    std::string className() const override { return "QXEAC3AudioTrack"; }
+    static std::shared_ptr<QXEAC3AudioTrack> initWithCoder(QXKeyedUnarchiver& coder) { return decodeNew<QXEAC3AudioTrack>(coder); }
 
     // 1 when the last analysed frame carries the object-audio extension.
     uint8_t extension_type = 0;
@@ -55,7 +58,6 @@ public:
 protected:
     bool importStream(AVFormatContext* context, int streamIndex, QXErrorRef* error) override;
     void copyFrom(const QXTrack& other) override;
-    const char* className() const override { return "QXEAC3AudioTrack"; }
 };
 
 // The walk over an E-AC-3 frame's bit stream information up to its

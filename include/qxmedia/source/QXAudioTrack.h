@@ -14,6 +14,8 @@ public:
                                                                QXErrorRef* error = nullptr);
     static std::shared_ptr<QXAudioTrack> initWithTrack(const QXTrack& track);
     std::shared_ptr<QXTrack> copy() const override;
+    std::string className() const override { return "QXAudioTrack"; }
+    static std::shared_ptr<QXAudioTrack> initWithCoder(QXKeyedUnarchiver& coder) { return decodeNew<QXAudioTrack>(coder); }
 
     int32_t channels = 0;
     float volume = 1.0f;
@@ -37,7 +39,6 @@ public:
 protected:
     bool importStream(AVFormatContext* context, int streamIndex, QXErrorRef* error) override;
     void copyFrom(const QXTrack& other) override;
-    const char* className() const override { return "QXAudioTrack"; }
     // The service type from the stream's side data, which overrides the
     // detected one.
     void readServiceTypeSideData(const AVFormatContext* context, int streamIndex);

@@ -8,11 +8,12 @@
 
 #include "qxmedia/platform/foundation/CMTime.h"
 #include "qxmedia/platform/foundation/QXValue.h"
+#include "qxmedia/platform/plist/QXKeyedArchiver.h"
 
 class QXChapter;
 using QXChapterRef = std::shared_ptr<QXChapter>;
 
-class QXChapter {
+class QXChapter : public QXCoding {
 public:
     std::optional<std::string> title; // absent until set
     QXImageRef image;                 // images are immutable, so sharing one is copying it
@@ -42,7 +43,8 @@ public:
     // (black) picture; a size below one pixel gives no data.
     QXData imageDataWithSize(double width, double height) const;
 
-    // Keyed archiving: "timestamp", "title", "image".
-    QXDictionary encodeWithCoder() const;
-    static QXChapterRef initWithCoder(const QXDictionary& coder);
+    // Keyed archiving: "timestamp", "title", "image" (as PNG).
+    std::string className() const override { return "QXChapter"; }
+    void encodeWithCoder(QXKeyedArchiver& coder) const override;
+    static QXChapterRef initWithCoder(QXKeyedUnarchiver& coder);
 };

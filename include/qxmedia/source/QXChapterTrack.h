@@ -14,6 +14,7 @@
 #include "qxmedia/platform/foundation/CMTime.h"
 #include "qxmedia/platform/foundation/QXError.h"
 #include "qxmedia/platform/foundation/QXValue.h"
+#include "qxmedia/platform/plist/QXKeyedArchiver.h"
 #include "qxmedia/source/QXChapter.h"
 
 struct AVFormatContext;
@@ -21,7 +22,7 @@ struct AVFormatContext;
 class QXChapterTrack;
 using QXChapterTrackRef = std::shared_ptr<QXChapterTrack>;
 
-class QXChapterTrack {
+class QXChapterTrack : public QXCoding {
 public:
     int32_t trackID = 0; // the chapter stream's id; 0 when the list comes from elsewhere
     std::vector<QXChapterRef> chapters;
@@ -65,8 +66,9 @@ public:
     bool importChaptersFromTXT(const QXURL& url, QXErrorRef* error = nullptr);
 
     // Keyed archiving: "trackID", "chapters", "originalChapters".
-    QXDictionary encodeWithCoder() const;
-    static QXChapterTrackRef initWithCoder(const QXDictionary& coder);
+    std::string className() const override { return "QXChapterTrack"; }
+    void encodeWithCoder(QXKeyedArchiver& coder) const override;
+    static QXChapterTrackRef initWithCoder(QXKeyedUnarchiver& coder);
 
 private:
     void addChaptersFromFormatContext(const AVFormatContext* context);

@@ -20,6 +20,8 @@ public:
                                                                   QXErrorRef* error = nullptr);
     static std::shared_ptr<QXSubtitleTrack> initWithTrack(const QXTrack& track);
     std::shared_ptr<QXTrack> copy() const override;
+    std::string className() const override { return "QXSubtitleTrack"; }
+    static std::shared_ptr<QXSubtitleTrack> initWithCoder(QXKeyedUnarchiver& coder) { return decodeNew<QXSubtitleTrack>(coder); }
 
     uint8_t horizontal_justification = 1;
     uint8_t vertical_justification = 255;
@@ -50,7 +52,6 @@ public:
 protected:
     bool importStream(AVFormatContext* context, int streamIndex, QXErrorRef* error) override;
     void copyFrom(const QXTrack& other) override;
-    const char* className() const override { return "QXSubtitleTrack"; }
 };
 
 class QXBitmapSubtitleTrack : public QXVisualTrack {
@@ -61,6 +62,8 @@ public:
                                                                         QXErrorRef* error = nullptr);
     static std::shared_ptr<QXBitmapSubtitleTrack> initWithTrack(const QXTrack& track);
     std::shared_ptr<QXTrack> copy() const override;
+    std::string className() const override { return "QXBitmapSubtitleTrack"; }
+    static std::shared_ptr<QXBitmapSubtitleTrack> initWithCoder(QXKeyedUnarchiver& coder) { return decodeNew<QXBitmapSubtitleTrack>(coder); }
 
     std::shared_ptr<QXSubtitleTrack> forced_track;
     uint64_t forcedFlag = 0;
@@ -69,5 +72,4 @@ public:
 protected:
     bool importStream(AVFormatContext* context, int streamIndex, QXErrorRef* error) override;
     void copyFrom(const QXTrack& other) override;
-    const char* className() const override { return "QXBitmapSubtitleTrack"; }
 };

@@ -14,6 +14,7 @@
 #include "qxmedia/platform/foundation/CMTime.h"
 #include "qxmedia/platform/foundation/QXError.h"
 #include "qxmedia/platform/foundation/QXValue.h"
+#include "qxmedia/platform/plist/QXKeyedArchiver.h"
 
 struct AVCodecParameters;
 struct AVFormatContext;
@@ -45,7 +46,7 @@ constexpr int32_t QXCodecIDFairPlayVideo = 0x64726D69; // 'drmi'
 constexpr int32_t QXCodecIDFairPlayAudio = 0x64726D73; // 'drms'
 constexpr int32_t QXCodecIDFairPlayText = 0x64726D74;  // 'drmt'
 
-class QXTrack : public std::enable_shared_from_this<QXTrack> {
+class QXTrack : public QXCoding, public std::enable_shared_from_this<QXTrack> {
 public:
     // A fresh track with the initial values (the constructor is `init`).
     QXTrack();
@@ -115,12 +116,18 @@ public:
     void outputSample(const qx::CMSampleBufferRef& sample);
     void markAsFinished() { processSample(nullptr); }
     void addOutput(std::shared_ptr<QXTrackReaderOutput> output);
+
+    // Keyed archive: the base keys only, for every class of the tree.
+    std::string className() const override { return "QXTrack"; }
+    void encodeWithCoder(QXKeyedArchiver& coder) const override;
+    static std::shared_ptr<QXTrack> initWithCoder(QXKeyedUnarchiver& coder);
     bool hasOutputs() const { return !outputs.empty(); }
 
 protected:
     // The steps of the initialiser chains; each subclass extends them.
     virtual bool importStream(AVFormatContext* context, int streamIndex, QXErrorRef* error);
     virtual void copyFrom(const QXTrack& other);
+    void decodeFrom(QXKeyedUnarchiver& coder);
     // Creates the output queue, named after the finished track.
     void finishInit();
 
@@ -141,6 +148,15 @@ protected:
         return track;
     }
     template <class T>
+    static std::shared_ptr<T> decodeNew(QXKeyedUnarchiver& coder)
+    {
+        auto track = std::make_shared<T>();
+        QXTrack& base = *track;
+        base.decodeFrom(coder);
+        base.finishInit();
+        return track;
+    }
+    template <class T>
     static std::shared_ptr<T> copyNew(const QXTrack& from)
     {
         auto track = std::make_shared<T>();
@@ -149,9 +165,6 @@ protected:
         base.finishInit();
         return track;
     }
-
-    // Classes of the track tree, for keyed archives.
-    virtual const char* className() const { return "QXTrack"; }
 
 private:
     struct CodecParametersDeleter {

@@ -20,6 +20,8 @@ public:
                                                                QXErrorRef* error = nullptr);
     static std::shared_ptr<QXVideoTrack> initWithTrack(const QXTrack& track);
     std::shared_ptr<QXTrack> copy() const override;
+    std::string className() const override { return "QXVideoTrack"; }
+    static std::shared_ptr<QXVideoTrack> initWithCoder(QXKeyedUnarchiver& coder) { return decodeNew<QXVideoTrack>(coder); }
 
     bool brokenByMS = false;
     uint8_t profile = 66;
@@ -59,5 +61,4 @@ public:
 protected:
     bool importStream(AVFormatContext* context, int streamIndex, QXErrorRef* error) override;
     void copyFrom(const QXTrack& other) override;
-    const char* className() const override { return "QXVideoTrack"; }
 };

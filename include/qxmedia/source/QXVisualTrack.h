@@ -20,5 +20,4 @@ public:
 protected:
     bool importStream(AVFormatContext* context, int streamIndex, QXErrorRef* error) override;
     void copyFrom(const QXTrack& other) override;
-    const char* className() const override { return "QXVisualTrack"; }
 };
