@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
@@ -101,12 +102,20 @@ public:
 
     void async(dispatch_block_t block) override
     {
-        {
-            std::lock_guard guard(lock_);
-            items_.push_back({std::move(block), nullptr});
-            if (active_) return;
-            active_ = true;
+        std::unique_lock guard(lock_);
+        items_.push_back({std::move(block), nullptr});
+        if (active_) {
+            if (!lingering_) return;
+            // Notify after the unlock, so the woken thread does not run into
+            // the held lock; the queue must outlive the call even if the
+            // block lets go of its last owner.
+            auto keep = shared_from_this();
+            guard.unlock();
+            wake_.notify_one();
+            return;
         }
+        active_ = true;
+        guard.unlock();
         startDrain();
     }
 
@@ -120,11 +129,14 @@ public:
         bool mustWait = false;
         {
             std::lock_guard guard(lock_);
-            mustWait = active_;
-            if (mustWait) {
-                items_.push_back({nullptr, &turn});
-            } else {
+            if (!active_) {
                 active_ = true; // items_ is empty whenever the queue is inactive
+            } else if (lingering_ && items_.empty()) {
+                lingering_ = false; // take the queue over from its idle thread
+                wake_.notify_one();
+            } else {
+                mustWait = true;
+                items_.push_back({nullptr, &turn});
             }
         }
         if (mustWait) turn.wait();
@@ -151,8 +163,17 @@ private:
         std::unique_lock lock(lock_);
         for (;;) {
             if (items_.empty()) {
-                active_ = false;
-                return;
+                // Keep the thread a moment: in a pipeline the next block is
+                // usually on its way, and a wake-up here is cheaper than
+                // borrowing a thread again.
+                lingering_ = true;
+                wake_.wait_for(lock, lingerTime, [this] { return !items_.empty() || !lingering_; });
+                if (!lingering_) return; // a dispatch_sync owns the queue now
+                lingering_ = false;
+                if (items_.empty()) {
+                    active_ = false;
+                    return;
+                }
             }
             Item item = std::move(items_.front());
             items_.pop_front();
@@ -182,9 +203,13 @@ private:
         startDrain();
     }
 
+    static constexpr auto lingerTime = std::chrono::milliseconds(2);
+
     std::mutex lock_;
+    std::condition_variable wake_; // the lingering drain thread waits here
     std::deque<Item> items_;
-    bool active_ = false;
+    bool active_ = false;    // a thread (or a dispatch_sync caller) owns the queue
+    bool lingering_ = false; // the owning thread waits for more work
 };
 
 // Reads run side by side on the default pool (async) or on the caller's

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 
 #include "DispatchThreads.h"
@@ -11,7 +12,7 @@ namespace qx {
 // The count lives in an atomic so that a wait that finds a count and a
 // signal that finds no waiter never take the lock. A negative count is the
 // number of waiters; `wakeups_` are the signals handed to them.
-class DispatchSemaphore {
+class DispatchSemaphore : public std::enable_shared_from_this<DispatchSemaphore> {
 public:
     explicit DispatchSemaphore(long value) : value_(value) {}
 
@@ -40,9 +41,13 @@ public:
     long signal()
     {
         if (value_.fetch_add(1, std::memory_order_acq_rel) >= 0) return 0;
-        std::lock_guard guard(lock_);
-        ++wakeups_;
-        wakeup_.notify_one();
+        // The woken waiter may drop the last owner of the semaphore at once.
+        auto keep = shared_from_this();
+        {
+            std::lock_guard guard(lock_);
+            ++wakeups_;
+        }
+        wakeup_.notify_one(); // outside the lock, so the waiter does not wake into it
         return 1;
     }
 

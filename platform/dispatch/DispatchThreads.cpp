@@ -194,9 +194,9 @@ WorkerPool::WorkerPool(std::string name, int niceness)
 
 void WorkerPool::submit(std::function<void()> block, const char* threadName)
 {
-    std::lock_guard guard(lock_);
+    std::unique_lock guard(lock_);
     items_.push_back({std::move(block), threadName});
-    if (idle_ > 0) work_.notify_one();
+    const bool wake = idle_ > 0;
     if (items_.size() > idle_) {
         if (busyLocked() < width_) {
             spawnLocked();
@@ -204,6 +204,8 @@ void WorkerPool::submit(std::function<void()> block, const char* threadName)
             Watchdog::shared().kick();
         }
     }
+    guard.unlock();
+    if (wake) work_.notify_one(); // pools live for ever: safe after the unlock
 }
 
 dispatch_pool_stats WorkerPool::stats()
