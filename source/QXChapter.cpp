@@ -2,11 +2,33 @@
 
 #include <cmath>
 #include <limits>
+#include <mutex>
 
 #include "qxmedia/core/QXTimeFormat.h"
 #include "qxmedia/platform/image/QXImage.h"
 
 using namespace qx;
+
+QX_REGISTER_CODING_CLASS(QXChapter);
+
+namespace {
+
+// Archives keep images as PNG, lossless and with alpha. The same pair serves
+// every archived image, whichever class installs it first.
+void installImageArchiving()
+{
+    static std::once_flag once;
+    std::call_once(once, [] {
+        QXSetImageArchiveCoding(
+            [](const QXImageRef& image) -> std::optional<QXData> {
+                QXData png = image ? image->PNGRepresentation() : QXData();
+                return png.empty() ? std::nullopt : std::optional<QXData>(std::move(png));
+            },
+            [](const QXData& data) -> QXImageRef { return QXImage::imageWithData(data); });
+    });
+}
+
+} // namespace
 
 QXChapterRef QXChapter::init()
 {
@@ -63,4 +85,22 @@ QXData QXChapter::imageDataWithSize(double width, double height) const
     if (!bitmap) return {};
     if (image) bitmap->drawImageInRect(*image, {{0, 0}, bitmap->size()});
     return bitmap->JPEGRepresentation();
+}
+
+void QXChapter::encodeWithCoder(QXKeyedArchiver& coder) const
+{
+    installImageArchiving();
+    coder.encodeCMTime(timestamp, "timestamp");
+    if (title) coder.encodeObject(QXValue(*title), "title");
+    if (image) coder.encodeObject(QXValue(image), "image");
+}
+
+QXChapterRef QXChapter::initWithCoder(QXKeyedUnarchiver& coder)
+{
+    installImageArchiving();
+    auto chapter = init();
+    chapter->timestamp = coder.decodeCMTime("timestamp");
+    if (const QXValue title = coder.decodeObject("title"); title.string()) chapter->title = *title.string();
+    if (const QXValue image = coder.decodeObject("image"); image.image()) chapter->image = *image.image();
+    return chapter;
 }

@@ -14,6 +14,8 @@ extern "C" {
 
 using namespace qx;
 
+QX_REGISTER_CODING_CLASS(QXChapterTrack);
+
 namespace {
 
 std::vector<QXChapterRef> deepCopy(const std::vector<QXChapterRef>& chapters)
@@ -133,4 +135,20 @@ void QXChapterTrack::addChaptersEvery(double seconds, CMTime total)
         t = CMTimeAdd(t, step);
         if (!CMTIME_IS_NUMERIC(t)) break;
     }
+}
+
+void QXChapterTrack::encodeWithCoder(QXKeyedArchiver& coder) const
+{
+    coder.encodeInt32(trackID, "trackID");
+    coder.encodeObject(chapters, "chapters");
+    coder.encodeObject(originalChapters, "originalChapters");
+}
+
+QXChapterTrackRef QXChapterTrack::initWithCoder(QXKeyedUnarchiver& coder)
+{
+    auto track = init();
+    track->trackID = coder.decodeInt32("trackID");
+    track->chapters = coder.decodeArrayOfObjectsOfClass<QXChapter>("chapters");
+    track->originalChapters = coder.decodeArrayOfObjectsOfClass<QXChapter>("originalChapters");
+    return track;
 }
