@@ -216,6 +216,10 @@ private:
 // thread (sync); a barrier waits for the reads before it and runs alone.
 // Entries queue in order behind a waiting barrier, except reads nested in a
 // block of this queue, which run at once.
+//
+// The count of running reads and a gate share one atomic word: while no
+// barrier runs or waits the gate is open and a read enters and leaves with
+// one atomic operation each. Everything else goes through the lock.
 class ConcurrentQueue final : public DispatchQueue {
 public:
     using DispatchQueue::DispatchQueue;
@@ -224,21 +228,14 @@ public:
 
     void async(dispatch_block_t block) override
     {
-        std::lock_guard guard(lock_);
-        if (!writer_ && pending_.empty()) {
-            ++readers_;
-            submitLocked(std::move(block), false);
-        } else {
-            pending_.push_back({std::move(block), false, nullptr});
+        if (tryEnterRead()) {
+            submit(std::move(block), false);
+            return;
         }
+        enqueue({std::move(block), false, nullptr});
     }
 
-    void barrierAsync(dispatch_block_t block) override
-    {
-        std::lock_guard guard(lock_);
-        pending_.push_back({std::move(block), true, nullptr});
-        drainLocked();
-    }
+    void barrierAsync(dispatch_block_t block) override { enqueue({std::move(block), true, nullptr}); }
 
     void sync(const dispatch_block_t& block) override
     {
@@ -246,19 +243,12 @@ public:
             block();
             return;
         }
-        Turn turn;
-        bool mustWait = false;
-        {
-            std::lock_guard guard(lock_);
-            mustWait = writer_ || !pending_.empty();
-            if (mustWait) {
-                pending_.push_back({nullptr, false, &turn});
-            } else {
-                ++readers_;
-            }
+        if (!tryEnterRead()) {
+            Turn turn;
+            enqueue({nullptr, false, &turn});
+            turn.wait();
         }
-        if (mustWait) turn.wait();
-        Finally release([this] { finished(false); });
+        Finally release([this] { exitRead(); });
         FrameScope frame(this, false);
         block();
     }
@@ -274,25 +264,57 @@ public:
             return;
         }
         Turn turn;
-        {
-            std::lock_guard guard(lock_);
-            pending_.push_back({nullptr, true, &turn});
-            drainLocked();
-        }
+        enqueue({nullptr, true, &turn});
         turn.wait();
-        Finally release([this] { finished(true); });
+        Finally release([this] { exitBarrier(); });
         FrameScope frame(this, true);
         block();
     }
 
 private:
+    static constexpr uint64_t readerMask = 0xffffffffull;
+    static constexpr uint64_t gateClosed = 1ull << 32; // a barrier runs or entries wait
+
     struct Entry {
         dispatch_block_t block;
         bool barrier;
         Turn* turn; // set for a waiting dispatch_sync / dispatch_barrier_sync
     };
 
-    void submitLocked(dispatch_block_t block, bool barrier)
+    bool tryEnterRead()
+    {
+        uint64_t state = state_.load(std::memory_order_acquire);
+        while (!(state & gateClosed)) {
+            if (state_.compare_exchange_weak(state, state + 1, std::memory_order_acq_rel)) return true;
+        }
+        return false;
+    }
+
+    void exitRead()
+    {
+        const uint64_t before = state_.fetch_sub(1, std::memory_order_acq_rel);
+        if ((before & gateClosed) && (before & readerMask) == 1) { // the last read before a barrier
+            std::lock_guard guard(lock_);
+            drainLocked();
+        }
+    }
+
+    void exitBarrier()
+    {
+        std::lock_guard guard(lock_);
+        writer_ = false;
+        drainLocked();
+    }
+
+    void enqueue(Entry entry)
+    {
+        std::lock_guard guard(lock_);
+        pending_.push_back(std::move(entry));
+        state_.fetch_or(gateClosed, std::memory_order_acq_rel);
+        drainLocked();
+    }
+
+    void submit(dispatch_block_t block, bool barrier)
     {
         auto self = std::static_pointer_cast<ConcurrentQueue>(shared_from_this());
         auto run = [self = std::move(self), block = std::move(block), barrier]() mutable {
@@ -301,47 +323,41 @@ private:
                 block();
             }
             block = nullptr;
-            self->finished(barrier);
+            if (barrier) {
+                self->exitBarrier();
+            } else {
+                self->exitRead();
+            }
         };
         detail::WorkerPool::forPriority(DISPATCH_QUEUE_PRIORITY_DEFAULT).submit(std::move(run), label_.c_str());
     }
 
-    void finished(bool barrier)
-    {
-        std::lock_guard guard(lock_);
-        if (barrier) {
-            writer_ = false;
-        } else {
-            --readers_;
-        }
-        drainLocked();
-    }
-
     // Starts what may start now: reads up to the first barrier, or that
-    // barrier once no read is running.
+    // barrier once no read is running. Opens the gate when nothing waits.
     void drainLocked()
     {
         while (!pending_.empty() && !writer_) {
             Entry& entry = pending_.front();
             if (entry.barrier) {
-                if (readers_ > 0) return;
+                if (state_.load(std::memory_order_acquire) & readerMask) break;
                 writer_ = true;
             } else {
-                ++readers_;
+                state_.fetch_add(1, std::memory_order_acq_rel);
             }
             Entry next = std::move(entry);
             pending_.pop_front();
             if (next.turn) {
                 next.turn->grant();
             } else {
-                submitLocked(std::move(next.block), next.barrier);
+                submit(std::move(next.block), next.barrier);
             }
         }
+        if (!writer_ && pending_.empty()) state_.fetch_and(~gateClosed, std::memory_order_acq_rel);
     }
 
+    std::atomic<uint64_t> state_ {0}; // running reads, and gateClosed
     std::mutex lock_;
     std::deque<Entry> pending_;
-    size_t readers_ = 0;
     bool writer_ = false;
 };
 

@@ -230,8 +230,8 @@ TEST(DispatchApply, OnASerialQueueRunsInOrderOnThatQueue)
 
 TEST(DispatchOnce, RunsExactlyOnceUnderContention)
 {
-    static dispatch_once_t once;
-    static int value = 0; // written once, read by all after dispatch_once returns
+    dispatch_once_t once;
+    int value = 0; // written once, read by all after dispatch_once returns
     std::atomic<int> runs {0};
     std::vector<std::thread> threads;
     std::atomic<bool> go {false};
