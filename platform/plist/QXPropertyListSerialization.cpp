@@ -172,6 +172,67 @@ plist_t nodeFromValue(const QXValue& value, int depth)
 
 bool isBinary(const void* bytes, size_t size) { return size >= 8 && std::memcmp(bytes, "bplist00", 8) == 0; }
 
+uint64_t readBigEndian(const uint8_t* bytes, size_t count)
+{
+    uint64_t value = 0;
+    for (size_t i = 0; i < count; ++i) value = value << 8 | bytes[i];
+    return value;
+}
+
+// libplist aborts the process (an assertion) when it hands out a string
+// that holds a NUL character, so such lists are refused before parsing.
+// Binary form: walk the offset table and look into every string object.
+bool binaryHasStringWithNul(const uint8_t* bytes, size_t size)
+{
+    if (size < 8 + 32) return false;
+    const uint8_t* trailer = bytes + size - 32;
+    const size_t offsetSize = trailer[6];
+    const uint64_t objectCount = readBigEndian(trailer + 8, 8);
+    const uint64_t tableOffset = readBigEndian(trailer + 24, 8);
+    if (offsetSize < 1 || offsetSize > 8 || tableOffset >= size || objectCount > (size - tableOffset) / offsetSize) {
+        return false; // malformed: libplist refuses it by itself
+    }
+    for (uint64_t i = 0; i < objectCount; ++i) {
+        const uint64_t offset = readBigEndian(bytes + tableOffset + i * offsetSize, offsetSize);
+        if (offset >= size) continue;
+        const uint8_t marker = bytes[offset];
+        const uint8_t kind = marker >> 4;
+        if (kind != 0x5 && kind != 0x6) continue; // ASCII and UTF-16 strings
+        uint64_t length = marker & 0x0F;
+        uint64_t start = offset + 1;
+        if (length == 0x0F) {
+            // The length follows as an integer object: 0x1N and 2^N bytes.
+            if (start >= size || (bytes[start] >> 4) != 0x1) continue;
+            const size_t width = size_t(1) << (bytes[start] & 0x03);
+            if (start + 1 + width > size) continue;
+            length = readBigEndian(bytes + start + 1, width);
+            start += 1 + width;
+        }
+        const uint64_t unit = kind == 0x6 ? 2 : 1;
+        if (length > (size - start) / unit) continue;
+        for (uint64_t at = start; at < start + length * unit; at += unit) {
+            if (bytes[at] == 0 && (unit == 1 || bytes[at + 1] == 0)) return true;
+        }
+    }
+    return false;
+}
+
+// XML form: a NUL byte or a character reference to U+0000.
+bool xmlHasNul(const uint8_t* bytes, size_t size)
+{
+    if (std::memchr(bytes, 0, size)) return true;
+    for (size_t i = 0; i + 2 < size; ++i) {
+        if (bytes[i] != '&' || bytes[i + 1] != '#') continue;
+        size_t at = i + 2;
+        const bool hex = at < size && (bytes[at] == 'x' || bytes[at] == 'X');
+        if (hex) ++at;
+        const size_t digits = at;
+        while (at < size && bytes[at] == '0') ++at;
+        if (at < size && bytes[at] == ';' && at > digits) return true;
+    }
+    return false;
+}
+
 } // namespace
 
 std::optional<QXValue> QXPropertyListSerialization::propertyListWithData(const void* bytes, size_t size,
@@ -181,8 +242,12 @@ std::optional<QXValue> QXPropertyListSerialization::propertyListWithData(const v
 {
     plist_t root = nullptr;
     if (bytes && size > 0 && size <= std::numeric_limits<uint32_t>::max()) {
-        if (isBinary(bytes, size)) plist_from_bin(static_cast<const char*>(bytes), uint32_t(size), &root);
-        else plist_from_xml(static_cast<const char*>(bytes), uint32_t(size), &root);
+        const auto* data = static_cast<const uint8_t*>(bytes);
+        if (isBinary(bytes, size)) {
+            if (!binaryHasStringWithNul(data, size)) plist_from_bin(static_cast<const char*>(bytes), uint32_t(size), &root);
+        } else if (!xmlHasNul(data, size)) {
+            plist_from_xml(static_cast<const char*>(bytes), uint32_t(size), &root);
+        }
     }
     PlistPtr owner(root);
     std::optional<QXValue> value = valueFromNode(root, 0);

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstring>
 #include <limits>
 
 #include "qxmedia/platform/plist/QXPropertyListSerialization.h"
@@ -122,6 +124,18 @@ TEST(PropertyList, UnreadableInputGivesNothing)
     for (const char* text : {"not a plist", "<plist><integer>1</plist>",
                              "<?xml version=\"1.0\"?><html></html>"}) {
         inputs.emplace_back(text, text + strlen(text));
+    }
+    // NUL characters inside strings and keys (libplist would abort on them).
+    for (const char* text : {"<plist><string>a&#0;b</string></plist>", "<plist><string>a&#x00;b</string></plist>"}) {
+        inputs.emplace_back(text, text + strlen(text));
+    }
+    static const char withNul[] = "<plist><dict><key>k\0ey</key><integer>1</integer></dict></plist>";
+    inputs.emplace_back(withNul, withNul + sizeof withNul - 1);
+    for (const QXValue& tree : {QXValue(QXDictionary {{"key", "vXlue"}}), QXValue(QXDictionary {{"kXy", "value"}}),
+                                QXValue(QXArray {"\u00fcXber"})}) {
+        QXData binary = *QXPropertyListSerialization::dataWithPropertyList(tree, QXPropertyListFormat::Binary);
+        std::replace(binary.begin(), binary.end(), uint8_t('X'), uint8_t(0));
+        inputs.push_back(binary);
     }
     // A binary plist whose offset table points outside the file.
     QXData corrupt = good;
