@@ -16,7 +16,7 @@ const qxmp4::Command kCommands[] = {
     {"dump", "FILE", "print the box tree with the fields that matter", qxmp4::dumpCommand},
     {"optimize", "IN OUT", "write a copy with the movie header first", qxmp4::optimizeCommand},
     {"tags", "FILE", "print the tags and free-form items as JSON", qxmp4::tagsCommand},
-    {"set", "FILE KEY=VALUE...", "edit tags in place (KEY: a code such as \xa9nam, or ----:MEAN:NAME; empty VALUE removes)", qxmp4::setCommand},
+    {"set", "FILE KEY=VALUE...", "edit tags in place; KEY is a code or ----:MEAN:NAME, an empty VALUE removes", qxmp4::setCommand},
     {"chapters", "FILE", "print the chapters as JSON", qxmp4::chaptersCommand},
 };
 
