@@ -2,6 +2,8 @@
 // forms read with regular expressions.
 
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -24,6 +26,7 @@ constexpr int64_t kFileReadUnknownError = 256;
 constexpr int64_t kFileReadNoPermissionError = 257;
 constexpr int64_t kFileReadCorruptFileError = 259;
 constexpr int64_t kFileReadNoSuchFileError = 260;
+constexpr int64_t kFileReadInapplicableStringEncodingError = 261;
 
 int64_t fileErrorCode(const QXURL& url)
 {
@@ -46,16 +49,62 @@ std::string nodeString(const pugi::xpath_node& node)
 
 QXErrorRef xmlError(const QXURL& url, const pugi::xml_parse_result& result)
 {
-    const int64_t code =
-        result.status == pugi::status_file_not_found || result.status == pugi::status_io_error
-            ? fileErrorCode(url)
-            : (result.status == pugi::status_out_of_memory || result.status == pugi::status_internal_error
-                   ? kFileReadUnknownError
-                   : kFileReadCorruptFileError);
+    const int64_t code = result.status == pugi::status_out_of_memory || result.status == pugi::status_internal_error
+                             ? kFileReadUnknownError
+                             : kFileReadCorruptFileError;
     std::string description = result.description();
     if (code == kFileReadCorruptFileError) description += " at offset " + std::to_string(result.offset);
     return QXMedia::errorWithDomain(NSCocoaErrorDomain, code,
                                     {{NSLocalizedDescriptionKey, description}, {NSFilePathErrorKey, url}});
+}
+
+// The encoding named in the XML declaration, if any.
+std::string declaredEncoding(const std::string& bytes)
+{
+    if (!bytes.starts_with("<?xml")) return {};
+    const std::string declaration = bytes.substr(0, bytes.find("?>"));
+    const size_t key = declaration.find("encoding");
+    if (key == std::string::npos) return {};
+    const size_t open = declaration.find_first_of("\"'", key);
+    if (open == std::string::npos) return {};
+    const size_t close = declaration.find(declaration[open], open + 1);
+    if (close == std::string::npos) return {};
+    return declaration.substr(open + 1, close - open - 1);
+}
+
+// Parses an XML file. The parser itself knows the Unicode forms and
+// ISO-8859-1; a file that declares another 8-bit or East Asian encoding
+// (windows-1252, Shift_JIS, ...) is decoded to UTF-8 first.
+bool loadXMLDocument(pugi::xml_document& document, const QXURL& url, QXErrorRef* error)
+{
+    std::ifstream in(url, std::ios::binary);
+    if (!in) {
+        QXSetError(error,
+                   QXMedia::errorWithDomain(NSCocoaErrorDomain, fileErrorCode(url), {{NSFilePathErrorKey, url}}));
+        return false;
+    }
+    std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    pugi::xml_encoding encoding = pugi::encoding_auto;
+    const NSStringEncoding declared = QXStringEncodingForName(declaredEncoding(bytes));
+    if (declared != QXUnknownStringEncoding && declared != NSUTF8StringEncoding &&
+        declared != NSISOLatin1StringEncoding && declared != NSASCIIStringEncoding &&
+        !QXIsWideUnicodeEncoding(declared)) {
+        std::optional<std::string> text = QXStringFromData(bytes.data(), bytes.size(), declared);
+        if (!text) {
+            QXSetError(error, QXMedia::errorWithDomain(NSCocoaErrorDomain, kFileReadInapplicableStringEncodingError,
+                                                       {{NSFilePathErrorKey, url}}));
+            return false;
+        }
+        bytes = std::move(*text);
+        encoding = pugi::encoding_utf8;
+    }
+    const pugi::xml_parse_result parsed =
+        document.load_buffer(bytes.data(), bytes.size(), pugi::parse_default | pugi::parse_doctype, encoding);
+    if (!parsed) {
+        QXSetError(error, xmlError(url, parsed));
+        return false;
+    }
+    return true;
 }
 
 } // namespace
@@ -85,11 +134,7 @@ bool QXChapterTrack::importChaptersFromXMLDocument(const QXURL& url, const char*
                                                    const char* titlePath, QXErrorRef* error)
 {
     pugi::xml_document document;
-    const pugi::xml_parse_result parsed = document.load_file(url.c_str(), pugi::parse_default | pugi::parse_doctype);
-    if (!parsed) {
-        QXSetError(error, xmlError(url, parsed));
-        return false;
-    }
+    if (!loadXMLDocument(document, url, error)) return false;
     const pugi::xpath_query chapterQuery(chapterPath);
     const pugi::xpath_query timeQuery(timePath);
     const pugi::xpath_query titleQuery(titlePath);

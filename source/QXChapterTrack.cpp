@@ -1,7 +1,6 @@
 #include "qxmedia/source/QXChapterTrack.h"
 
 #include <algorithm>
-#include <cinttypes>
 #include <cstdio>
 
 extern "C" {
@@ -57,7 +56,8 @@ void QXChapterTrack::addChaptersFromFormatContext(const AVFormatContext* context
             const AVChapter* entry = context->chapters[i];
             const AVDictionaryEntry* title = av_dict_get(entry->metadata, "title", nullptr, 0);
             if (!title) continue;
-            const CMTime start = CMTimeMake(entry->start * entry->time_base.num, entry->time_base.den);
+            // start · num / den, without overflowing the product.
+            const CMTime start = CMTimeMultiply(CMTimeMake(entry->start, entry->time_base.den), entry->time_base.num);
             addChapter(std::string(title->value), start);
         }
     }

@@ -352,3 +352,27 @@ TEST_F(ChapterFiles, TextEncodingsAreDetected)
               (std::vector<Entry> {{" Café crème et été à la française, déjà vu", 0},
                                    {" Übersicht für die Großen und Kleinen", 90000}}));
 }
+
+TEST_F(ChapterFiles, XmlInTheEncodingItDeclares)
+{
+    auto track = QXChapterTrack::init();
+    EXPECT_TRUE(track->importChaptersFromURL(write("cp1252.chapters",
+                                                   "<?xml version='1.0' encoding='windows-1252'?>\n"
+                                                   "<chapterInfo><chapters><chapter name=\"\x93" "Caf\xe9\x94 \x80" "5\" "
+                                                   "time=\"00:00:00.000\"/></chapters></chapterInfo>")));
+    EXPECT_EQ(entriesOf(*track), (std::vector<Entry> {{"“Café” €5", 0}}));
+
+    EXPECT_TRUE(track->importChaptersFromURL(write("latin1.xml",
+                                                   "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n"
+                                                   "<Chapters><EditionEntry><ChapterAtom>"
+                                                   "<ChapterTimeStart>00:00:00.000</ChapterTimeStart>"
+                                                   "<ChapterDisplay><ChapterString>D\xe9j\xe0</ChapterString>"
+                                                   "</ChapterDisplay></ChapterAtom></EditionEntry></Chapters>")));
+    EXPECT_EQ(entriesOf(*track), (std::vector<Entry> {{"Déjà", 0}}));
+
+    EXPECT_TRUE(track->importChaptersFromURL(write("sjis.chapters",
+                                                   "<?xml version=\"1.0\" encoding=\"Shift_JIS\"?>\n"
+                                                   "<chapterInfo><chapters><chapter name=\"\x93\xfa\x96\x7b\" "
+                                                   "time=\"00:00:00.000\"/></chapters></chapterInfo>")));
+    EXPECT_EQ(entriesOf(*track), (std::vector<Entry> {{"日本", 0}}));
+}
