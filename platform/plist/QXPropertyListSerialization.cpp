@@ -244,7 +244,9 @@ std::optional<QXValue> QXPropertyListSerialization::propertyListWithData(const v
     if (bytes && size > 0 && size <= std::numeric_limits<uint32_t>::max()) {
         const auto* data = static_cast<const uint8_t*>(bytes);
         if (isBinary(bytes, size)) {
-            if (!binaryHasStringWithNul(data, size)) plist_from_bin(static_cast<const char*>(bytes), uint32_t(size), &root);
+            if (!binaryHasStringWithNul(data, size)) {
+                plist_from_bin(static_cast<const char*>(bytes), uint32_t(size), &root);
+            }
         } else if (!xmlHasNul(data, size)) {
             plist_from_xml(static_cast<const char*>(bytes), uint32_t(size), &root);
         }

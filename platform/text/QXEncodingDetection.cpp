@@ -108,6 +108,35 @@ bool isValidUTF8(const uint8_t* bytes, size_t size)
     return true;
 }
 
+// The last resort for UTF-16 of scripts with many high bytes (Chinese,
+// Japanese): exactly one byte order decodes, and the text has the line
+// breaks and spaces of real text. Binary data rarely decodes strictly (lone
+// surrogates) and almost never has that many separators.
+NSStringEncoding guessUTF16ByDecoding(const uint8_t* bytes, size_t size, std::string* text)
+{
+    if (size < 4 || size % 2 != 0) return QXUnknownStringEncoding;
+    NSStringEncoding found = QXUnknownStringEncoding;
+    for (NSStringEncoding encoding : {NSUTF16LittleEndianStringEncoding, NSUTF16BigEndianStringEncoding}) {
+        std::optional<std::string> decoded = QXStringFromData(bytes, size, encoding);
+        if (!decoded || !looksLikeText(*decoded)) continue;
+        size_t characters = 0, separators = 0, privateUse = 0;
+        int32_t offset = 0;
+        const int32_t length = int32_t(decoded->size());
+        while (offset < length) {
+            UChar32 c;
+            U8_NEXT(decoded->data(), offset, length, c);
+            ++characters;
+            separators += c == '\n' || c == '\r' || c == ' ' || c == 0x3000;
+            privateUse += c >= 0xE000 && c <= 0xF8FF;
+        }
+        if (separators * 100 < characters || privateUse * 100 > characters) continue;
+        if (found != QXUnknownStringEncoding) return QXUnknownStringEncoding; // both orders read: undecidable
+        found = encoding;
+        *text = std::move(*decoded);
+    }
+    return found;
+}
+
 struct DetectorCloser {
     void operator()(UCharsetDetector* detector) const { ucsdet_close(detector); }
 };
@@ -182,8 +211,11 @@ NSStringEncoding QXStringEncodingForData(const void* data, size_t size, std::str
         return looksLikeText(text) ? accept(NSUTF8StringEncoding) : QXUnknownStringEncoding;
     }
     // Zero bytes do not occur in 8-bit or multi-byte text.
-    if (std::memchr(bytes, 0, size)) return QXUnknownStringEncoding;
-
-    const NSStringEncoding detected = detectStatistically(bytes, size, &text);
-    return detected == QXUnknownStringEncoding ? detected : accept(detected);
+    if (!std::memchr(bytes, 0, size)) {
+        if (NSStringEncoding detected = detectStatistically(bytes, size, &text); detected != QXUnknownStringEncoding) {
+            return accept(detected);
+        }
+    }
+    const NSStringEncoding wide = guessUTF16ByDecoding(bytes, size, &text);
+    return wide == QXUnknownStringEncoding ? wide : accept(wide);
 }

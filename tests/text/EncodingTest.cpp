@@ -66,7 +66,7 @@ TEST(EncodingDetection, WideUnicodeWithAndWithoutByteOrderMark)
         {"UTF-32LE", utf32(text32, false, false), NSUTF32LittleEndianStringEncoding},
         {"UTF-32BE", utf32(text32, true, false), NSUTF32BigEndianStringEncoding},
         // Cyrillic has no zero bytes at all in UTF-16, only a steady high byte.
-        {"UTF-16LE Cyrillic", utf16(u"Привет, как дела? Это проверка кодировки без метки порядка байтов.", false, false),
+        {"UTF-16LE Cyrillic", utf16(u"Привет, как дела? Это проверка кодировки без метки порядка.", false, false),
          NSUTF16LittleEndianStringEncoding},
     };
     for (const Case& c : cases) {
@@ -106,6 +106,35 @@ TEST(EncodingDetection, UTF8AndEightBitEncodings)
     EXPECT_EQ(decoded.substr(0, 20), german.substr(0, 20));
 }
 
+TEST(EncodingDetection, OtherScripts)
+{
+    // Japanese in UTF-16 without a mark has no steady high byte: the line
+    // breaks of the text decide.
+    const std::u16string japanese = u"1\n00:00:01,000 --> 00:00:02,000\n日本語のテキストです。\n\n"
+                                    u"2\n00:00:03,000 --> 00:00:04,000\n今日はいい天気ですね。\n";
+    std::string decoded;
+    EXPECT_EQ(QXStringEncodingForData(utf16(japanese, false, false), &decoded), NSUTF16LittleEndianStringEncoding);
+    EXPECT_NE(decoded.find("今日はいい天気ですね。"), std::string::npos);
+    EXPECT_EQ(QXStringEncodingForData(utf16(japanese, true, false)), NSUTF16BigEndianStringEncoding);
+
+    struct Case {
+        const char* text;
+        NSStringEncoding encoding;
+    };
+    const Case cases[] = {
+        {"Привет, как дела? Это проверка кодировки. Мы пошли в магазин и купили хлеб, молоко и сыр.\n",
+         NSWindowsCP1251StringEncoding},
+        {"日本語のテキストです。これはエンコーディングの検出のテストです。今日はいい天気ですね。\n",
+         NSShiftJISStringEncoding},
+    };
+    for (const Case& c : cases) {
+        const std::optional<QXData> data = QXDataFromString(c.text, c.encoding);
+        ASSERT_TRUE(data);
+        EXPECT_EQ(QXStringEncodingForData(*data, &decoded), c.encoding) << c.text;
+        EXPECT_EQ(decoded, c.text);
+    }
+}
+
 TEST(EncodingDetection, BinaryDataIsUnknown)
 {
     std::mt19937 random(42);
@@ -121,6 +150,20 @@ TEST(EncodingDetection, BinaryDataIsUnknown)
     EXPECT_EQ(QXStringEncodingForData(controls), QXUnknownStringEncoding);
     // An ASCII-looking file with NUL bytes in irregular places is no text either.
     EXPECT_EQ(QXStringEncodingForData(bytes(std::string("abc\0def\0\0ghi", 12))), QXUnknownStringEncoding);
+    // Real media files: PCM audio (16-bit samples look much like UTF-16
+    // units) and a small MP4.
+    const std::pair<const char*, const char*> media[] = {
+        {"tone.wav", "-f lavfi -i sine=frequency=440:duration=0.2 -ac 1"},
+        {"noise.wav", "-f lavfi -i anoisesrc=d=0.2:a=0.01 -ac 1"},
+        {"clip.mp4", "-f lavfi -i testsrc=size=64x48:rate=5:d=0.4 -pix_fmt yuv420p"},
+    };
+    for (const auto& [name, arguments] : media) {
+        const auto path = qxtest::generate(name, arguments);
+        ASSERT_FALSE(path.empty()) << name;
+        const std::string file = qxtest::readFile(path);
+        EXPECT_EQ(QXStringEncodingForData(bytes(file)), QXUnknownStringEncoding) << name;
+    }
+
     // An odd number of bytes cannot be UTF-16 even with zero high bytes.
     QXData odd = utf16(u"hello world", false, false);
     odd.push_back('x');
