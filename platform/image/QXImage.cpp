@@ -182,8 +182,12 @@ FramePtr decode(AVCodecID codecId, const uint8_t* bytes, size_t length)
     PacketPtr packet(av_packet_alloc());
     FramePtr frame(av_frame_alloc());
     if (!context || !packet || !frame) return nullptr;
-    // Damage is an error, not something to conceal.
-    context->err_recognition = AV_EF_CRCCHECK | AV_EF_BITSTREAM | AV_EF_EXPLODE;
+    // Damage is an error, not something to conceal. The TIFF decoder would
+    // also refuse every tag it does not know, so it is spared that rule.
+    context->err_recognition = AV_EF_CRCCHECK;
+    if (codecId == AV_CODEC_ID_MJPEG || codecId == AV_CODEC_ID_PNG) {
+        context->err_recognition |= AV_EF_BITSTREAM | AV_EF_EXPLODE;
+    }
     // Undecodable bytes are an answer (no image), not an event: the
     // decoder's complaints go to the debug level.
     context->log_level_offset = AV_LOG_DEBUG - AV_LOG_ERROR;

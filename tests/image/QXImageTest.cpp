@@ -89,6 +89,12 @@ TEST(QXImage, JPEGRoundTripIsClose)
     EXPECT_LT(meanColourError(*image, *decoded), 4.0);
     EXPECT_EQ(pixelAt(*decoded, 80, 45)[3], 255) << "JPEG has no alpha";
 
+    // Odd sizes survive the halved chroma planes.
+    auto odd = QXImage::imageWithData(pattern(33, 17, true)->JPEGRepresentation());
+    ASSERT_TRUE(odd);
+    EXPECT_EQ(odd->pixelsWide(), 33);
+    EXPECT_EQ(odd->pixelsHigh(), 17);
+
     // Transparent pixels come out black.
     auto clear = QXImage::imageWithSize(16, 16);
     auto black = QXImage::imageWithData(clear->JPEGRepresentation());
@@ -145,6 +151,17 @@ TEST(QXImage, DecodesWhatFFmpegWrites)
     EXPECT_EQ(png->pixelsWide(), 96);
     EXPECT_EQ(pixelAt(*png, 10, 10)[3], 255) << "RGB without alpha is opaque";
     EXPECT_LT(meanColourError(*png, *jpeg), 12.0) << "the same picture";
+
+    // The other formats cover art may come in.
+    for (const char* name : {"image-testsrc.bmp", "image-testsrc.gif", "image-testsrc.tiff"}) {
+        const auto path = qxtest::generate(name, "-f lavfi -i testsrc2=size=96x64 -frames:v 1");
+        ASSERT_FALSE(path.empty()) << name;
+        auto image = QXImage::imageWithData(bytesOf(qxtest::readFile(path)));
+        ASSERT_TRUE(image) << name;
+        EXPECT_EQ(image->pixelsWide(), 96) << name;
+        EXPECT_EQ(image->pixelsHigh(), 64) << name;
+        EXPECT_LT(meanColourError(*image, *png), 12.0) << name;
+    }
 }
 
 TEST(QXImage, DamagedBytesGiveNoImage)
