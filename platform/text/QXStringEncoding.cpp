@@ -8,7 +8,10 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <strings.h>
+#include <unistd.h>
 
 #include "qxmedia/core/QXMedia.h"
 #include "qxmedia/platform/foundation/QXLocalization.h"
@@ -236,4 +239,56 @@ std::optional<std::string> QXStringWithContentsOfURL(const QXURL& url, NSStringE
     }
     if (usedEncoding) *usedEncoding = encoding;
     return text;
+}
+
+namespace {
+
+bool writeAll(int fd, const QXData& data)
+{
+    size_t written = 0;
+    while (written < data.size()) {
+        const ssize_t n = ::write(fd, data.data() + written, data.size() - written);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        written += size_t(n);
+    }
+    return true;
+}
+
+} // namespace
+
+bool QXWriteStringToURL(std::string_view utf8, const QXURL& url, bool atomically, NSStringEncoding encoding,
+                        QXErrorRef* error)
+{
+    const std::optional<QXData> data = QXDataFromString(utf8, encoding);
+    if (!data) {
+        // NSFileWriteInapplicableStringEncodingError
+        QXSetError(error, QXMedia::errorWithDomain(NSCocoaErrorDomain, 517, {{NSFilePathErrorKey, url.string()}}));
+        return false;
+    }
+    std::string temporary = url.string();
+    int fd = -1;
+    if (atomically) {
+        temporary += ".XXXXXX";
+        fd = ::mkstemp(temporary.data());
+        // mkstemp makes the file private: a rewritten file keeps the mode
+        // of the one it replaces, a new one gets the usual 0644. (Reading
+        // the umask would change it for every thread for a moment.)
+        if (fd >= 0) {
+            struct stat existing {};
+            ::fchmod(fd, ::stat(url.c_str(), &existing) == 0 ? existing.st_mode & 07777 : 0644);
+        }
+    } else {
+        fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    }
+    bool ok = fd >= 0 && writeAll(fd, *data);
+    const int cause = errno;
+    if (fd >= 0) ok = ::close(fd) == 0 && ok;
+    if (ok && atomically) ok = std::rename(temporary.c_str(), url.c_str()) == 0;
+    if (!ok) {
+        if (atomically && fd >= 0) ::unlink(temporary.c_str());
+        const int64_t code = (cause == EACCES || cause == EPERM || cause == EROFS) ? 513 : 512;
+        QXSetError(error, QXMedia::errorWithDomain(NSCocoaErrorDomain, code, {{NSFilePathErrorKey, url.string()}}));
+    }
+    return ok;
 }

@@ -185,6 +185,25 @@ TEST(EncodingDetection, FilesOnDisk)
     EXPECT_FALSE(QXStringWithContentsOfURL(dir / "missing.srt", nullptr, &error));
     ASSERT_TRUE(error);
     EXPECT_EQ(error->code(), 260);
+
+    // Rewriting the file as UTF-8 in place, as done for wide subtitle files.
+    namespace fs = std::filesystem;
+    fs::permissions(dir / "film.srt", fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
+    ASSERT_TRUE(QXWriteStringToURL(*text, dir / "film.srt", true, NSUTF8StringEncoding));
+    EXPECT_EQ(qxtest::readFile(dir / "film.srt"), kSubtitle8);
+    EXPECT_EQ(fs::status(dir / "film.srt").permissions(),
+              fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read); // the mode is kept
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir), {}), 1); // no temporary left
+    ASSERT_TRUE(QXWriteStringToURL("Grüße", dir / "latin.txt", false, NSISOLatin1StringEncoding));
+    EXPECT_EQ(qxtest::readFile(dir / "latin.txt"), "Gr\xFC\xDF" "e");
+    error.reset();
+    EXPECT_FALSE(QXWriteStringToURL("日本", dir / "latin.txt", true, NSISOLatin1StringEncoding, &error));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code(), 517);
+    EXPECT_EQ(qxtest::readFile(dir / "latin.txt"), "Gr\xFC\xDF" "e"); // untouched
+    error.reset();
+    EXPECT_FALSE(QXWriteStringToURL("x", dir / "no-such-folder" / "x.txt", true, NSUTF8StringEncoding, &error));
+    ASSERT_TRUE(error);
 }
 
 TEST(EncodingConversion, RoundTripsAndLossless)

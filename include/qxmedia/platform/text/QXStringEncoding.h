@@ -98,3 +98,11 @@ inline NSStringEncoding QXStringEncodingForData(const QXData& data, std::string*
 // NSCocoaErrorDomain, 260 or 256) or its encoding is not recognised (264).
 std::optional<std::string> QXStringWithContentsOfURL(const QXURL& url, NSStringEncoding* usedEncoding = nullptr,
                                                      QXErrorRef* error = nullptr);
+
+// Writes text in the given encoding (writeToURL:atomically:encoding:error:).
+// Atomically means through a temporary file in the same folder that is then
+// renamed over the target, so readers see the old or the new file, never a
+// part. Fails (NSCocoaErrorDomain 517) when the text does not convert
+// losslessly, or (512/513) when the file cannot be written.
+bool QXWriteStringToURL(std::string_view utf8, const QXURL& url, bool atomically, NSStringEncoding encoding,
+                        QXErrorRef* error = nullptr);
