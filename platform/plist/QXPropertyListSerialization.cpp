@@ -1,6 +1,7 @@
 #include "qxmedia/platform/plist/QXPropertyListSerialization.h"
 
 #include <plist/plist.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -319,6 +320,9 @@ bool QXPropertyListSerialization::writePropertyList(const QXValue& plist, const 
     const int fd = mkstemp(temporary.data());
     bool ok = fd >= 0;
     if (ok) {
+        // mkstemp makes the file private; keep the mode of the file replaced.
+        struct stat existing {};
+        ::fchmod(fd, ::stat(url.c_str(), &existing) == 0 ? existing.st_mode & 07777 : 0644);
         size_t written = 0;
         while (ok && written < data->size()) {
             const ssize_t n = ::write(fd, data->data() + written, data->size() - written);
