@@ -93,6 +93,12 @@ std::vector<QXTextCheckingResult> QXRegularExpression::matchesInString(std::stri
 
 std::vector<QXTextCheckingResult> QXRegularExpression::matchesInString(std::string_view text, QXRange range) const
 {
+    return matches(text, range, SIZE_MAX);
+}
+
+std::vector<QXTextCheckingResult> QXRegularExpression::matches(std::string_view text, QXRange range,
+                                                               size_t limit) const
+{
     std::vector<QXTextCheckingResult> results;
     if (!range.found() || range.location > text.size() || text.size() > size_t(INT32_MAX)) return results;
     const size_t end = range.location + std::min(range.length, text.size() - range.location);
@@ -107,7 +113,7 @@ std::vector<QXTextCheckingResult> QXRegularExpression::matchesInString(std::stri
     matcher->useTransparentBounds(false);
     matcher->useAnchoringBounds(true);
     const int32_t groups = matcher->groupCount();
-    while (U_SUCCESS(status) && matcher->find(status)) {
+    while (results.size() < limit && U_SUCCESS(status) && matcher->find(status)) {
         std::vector<QXRange> ranges;
         ranges.reserve(size_t(groups) + 1);
         for (int32_t group = 0; group <= groups; ++group) {
@@ -123,11 +129,9 @@ std::vector<QXTextCheckingResult> QXRegularExpression::matchesInString(std::stri
 
 std::optional<QXTextCheckingResult> QXRegularExpression::firstMatchInString(std::string_view text) const
 {
-    // A full scan is simple and the texts here are small (chapter lists,
-    // subtitle names); the first result is the first match.
-    std::vector<QXTextCheckingResult> matches = matchesInString(text);
-    if (matches.empty()) return std::nullopt;
-    return std::move(matches.front());
+    std::vector<QXTextCheckingResult> found = matches(text, QXRange {0, text.size()}, 1);
+    if (found.empty()) return std::nullopt;
+    return std::move(found.front());
 }
 
 size_t QXRegularExpression::numberOfMatchesInString(std::string_view text) const

@@ -83,6 +83,8 @@ public:
     static std::string escapedTemplateForString(std::string_view text);
 
 private:
+    std::vector<QXTextCheckingResult> matches(std::string_view text, QXRange range, size_t limit) const;
+
     struct Compiled; // the ICU pattern
     QXRegularExpression(std::string pattern, uint32_t options, std::unique_ptr<Compiled> compiled);
 
