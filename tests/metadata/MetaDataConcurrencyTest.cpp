@@ -43,30 +43,6 @@ TEST(MetaDataConcurrency, NestedReadProceedsWhileAWriterWaits)
     EXPECT_TRUE(wrote);
 }
 
-TEST(MetaDataConcurrency, NewReadersWaitForAQueuedWriter)
-{
-    QXMetaDataBarrier queue("barrier queue");
-    std::promise<void> readStarted;
-    std::atomic<int> order {0};
-    int writerTurn = -1, lateReaderTurn = -1;
-
-    std::thread first([&] {
-        queue.read([&] {
-            readStarted.set_value();
-            std::this_thread::sleep_for(80ms);
-        });
-    });
-    readStarted.get_future().wait();
-    std::thread writer([&] { queue.write([&] { writerTurn = order++; }); });
-    std::this_thread::sleep_for(20ms);
-    std::thread late([&] { queue.read([&] { lateReaderTurn = order++; }); });
-    first.join();
-    writer.join();
-    late.join();
-    EXPECT_EQ(writerTurn, 0);
-    EXPECT_EQ(lateReaderTurn, 1);
-}
-
 TEST(MetaDataConcurrency, ReadersAndAWriterOfFreeFormKeys)
 {
     auto record = QXMetaData::init();
