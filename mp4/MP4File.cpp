@@ -302,6 +302,16 @@ bool MP4File::appendMediaData(const uint8_t* data, size_t size, uint64_t& offset
     return true;
 }
 
+bool MP4File::skipMediaData(uint64_t size)
+{
+    uint8_t nothing = 0;
+    uint64_t offset = 0;
+    // Opens the mdat of a modified file if needed, then moves past the hole.
+    if (!appendMediaData(&nothing, 0, offset)) return false;
+    writePosition_ += size;
+    return true;
+}
+
 bool MP4File::setTrackDurationPerChunk(uint32_t trackId, uint64_t duration)
 {
     MP4Track* t = track(trackId);

@@ -373,7 +373,9 @@ void MP4Track::buildIndex() const
     StscBox* stsc = stbl() ? stbl()->findChild<StscBox>() : nullptr;
     if (!sizes || !offsets || !stsc) return;
     uint32_t count = sizes->sampleCount();
-    sampleOffsets_.reserve(count);
+    // Tables of a damaged file may promise more samples than the file holds;
+    // the index stops at the first sample that would lie beyond its end.
+    uint64_t end = file_.fileSize();
     const auto& runs = stsc->runs;
     uint32_t sample = 0;
     for (size_t r = 0; r < runs.size() && sample < count; ++r) {
@@ -384,8 +386,10 @@ void MP4Track::buildIndex() const
         for (uint64_t chunk = firstChunk; chunk < endChunk && sample < count; ++chunk) {
             uint64_t offset = offsets->offsets[chunk - 1];
             for (uint32_t i = 0; i < runs[r].samplesPerChunk && sample < count; ++i) {
+                uint32_t size = sizes->sampleSize(sample++);
+                if (offset > end || size > end - offset) return;
                 sampleOffsets_.push_back(offset);
-                offset += sizes->sampleSize(sample++);
+                offset += size;
             }
         }
     }

@@ -154,6 +154,9 @@ public:
     bool readAt(uint64_t offset, void* data, size_t size) const;
     // Appends a chunk of sample data to mdat, returning its file offset.
     bool appendMediaData(const uint8_t* data, size_t size, uint64_t& offset);
+    // Leaves `size` bytes of mdat unwritten (a hole in the file): room that
+    // no sample refers to, e.g. to test files beyond 4 GiB cheaply.
+    bool skipMediaData(uint64_t size);
 
 private:
     MP4File(const std::filesystem::path& path, Mode mode);

@@ -1,0 +1,318 @@
+// In-place updates, optimising, files beyond 4 GiB, and damaged input.
+
+#include "MP4TestSupport.h"
+
+#include "qxmedia/mp4/MP4File.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+using namespace qx::mp4;
+
+namespace {
+
+std::filesystem::path movie(const std::string& name, const std::string& flags)
+{
+    auto path = qxtest::generate(name, "-f lavfi -i testsrc2=size=320x240:rate=25:duration=2 -f lavfi -i "
+                                       "sine=duration=2 -c:v libx264 -preset veryfast -c:a aac " + flags);
+    EXPECT_FALSE(path.empty());
+    return path;
+}
+
+std::filesystem::path copyOf(const std::filesystem::path& path, const std::string& test)
+{
+    auto copy = qxtest::makeTempDir(test) / path.filename();
+    std::filesystem::copy_file(path, copy);
+    return copy;
+}
+
+// A checksum of every packet as ffmpeg reads it: same samples, same times.
+std::string packetDigest(const std::filesystem::path& path)
+{
+    return mp4test::output("ffmpeg -nostdin -v error -i '" + path.string() + "' -map 0 -c copy -f framemd5 -");
+}
+
+std::vector<uint8_t> bytesOf(const std::filesystem::path& path)
+{
+    std::string text = qxtest::readFile(path);
+    return {text.begin(), text.end()};
+}
+
+void writeBytes(const std::filesystem::path& path, const std::vector<uint8_t>& bytes)
+{
+    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
+}
+
+} // namespace
+
+TEST(MP4Modify, AChangeThatFitsIsWrittenInPlace)
+{
+    auto path = copyOf(movie("mp4-modify-faststart.mp4", "-movflags +faststart"), "mp4-modify-fits");
+    std::string digest = packetDigest(path);
+    uint64_t size = std::filesystem::file_size(path);
+    {
+        auto file = MP4File::modify(path);
+        ASSERT_TRUE(file);
+        MP4Track* audio = file->track(file->findTrackId(0, kAudioTrack));
+        audio->setFlags(kTrackInMovie);
+        audio->setLayer(2);
+        audio->setAlternateGroup(1);
+        audio->setVolume(0.5);
+        audio->setLanguage("deu");
+        ASSERT_TRUE(file->close());
+    }
+    EXPECT_EQ(std::filesystem::file_size(path), size);
+    auto file = MP4File::read(path);
+    ASSERT_TRUE(file);
+    MP4Track* audio = file->track(file->findTrackId(0, kAudioTrack));
+    EXPECT_EQ(audio->flags(), uint32_t(kTrackInMovie));
+    EXPECT_EQ(audio->layer(), 2);
+    EXPECT_EQ(audio->volume(), 0.5);
+    EXPECT_EQ(audio->language(), "deu");
+    EXPECT_EQ(file->root().children()[1]->type(), kMoov) << "moov stays in front";
+    EXPECT_EQ(packetDigest(path), digest);
+    EXPECT_EQ(mp4test::output("ffprobe -v error -select_streams a -show_entries stream_tags=language -of csv=p=0 '" +
+                              path.string() + "'"),
+              "deu\n");
+}
+
+TEST(MP4Modify, AGrowingChangeIsAppendedAndTheOldMoovFreed)
+{
+    auto path = copyOf(movie("mp4-modify-faststart.mp4", "-movflags +faststart"), "mp4-modify-grows");
+    std::string digest = packetDigest(path);
+    uint64_t size = std::filesystem::file_size(path);
+    uint64_t oldMoovOffset = 0, oldMoovSize = 0;
+    {
+        auto file = MP4File::modify(path);
+        ASSERT_TRUE(file);
+        oldMoovOffset = file->moov()->fileOffset;
+        oldMoovSize = file->moov()->fileSize;
+        // A box nobody knows rides along in the track's udta.
+        MP4Track* video = file->track(1);
+        video->setName(std::string(200, 'v'));
+        auto unknown = std::make_unique<Box>(fourcc("XTRA"));
+        unknown->trailing = {1, 2, 3, 4, 5, 6, 7};
+        video->trak().findChild(kUdta)->addChild(std::move(unknown));
+        ASSERT_TRUE(file->close());
+    }
+    EXPECT_GT(std::filesystem::file_size(path), size);
+    {
+        auto file = MP4File::read(path);
+        ASSERT_TRUE(file);
+        Box* freed = nullptr;
+        for (const auto& box : file->root().children())
+            if (box->fileOffset == oldMoovOffset) freed = box.get();
+        ASSERT_NE(freed, nullptr);
+        EXPECT_EQ(freed->type(), kFree);
+        EXPECT_EQ(freed->fileSize, oldMoovSize);
+        EXPECT_GT(file->moov()->fileOffset, oldMoovOffset);
+        EXPECT_EQ(file->track(1)->name(), std::string(200, 'v'));
+        EXPECT_EQ(packetDigest(path), digest);
+        EXPECT_EQ(mp4test::decodeErrors(path), "");
+    }
+    // Another edit elsewhere leaves the unknown box as it was.
+    {
+        auto file = MP4File::modify(path);
+        ASSERT_TRUE(file);
+        file->track(2)->setLanguage("spa");
+        ASSERT_TRUE(file->close());
+    }
+    auto file = MP4File::read(path);
+    Box* unknown = file->track(1)->findBox("udta.XTRA");
+    ASSERT_NE(unknown, nullptr);
+    EXPECT_EQ(unknown->trailing, (std::vector<uint8_t> {1, 2, 3, 4, 5, 6, 7}));
+}
+
+TEST(MP4Modify, ShrinkingLeavesAFreeBoxAndFreeSpaceIsReused)
+{
+    auto path = copyOf(movie("mp4-modify-faststart.mp4", "-movflags +faststart"), "mp4-modify-free");
+    uint64_t size = std::filesystem::file_size(path);
+    {
+        auto file = MP4File::modify(path);
+        file->track(1)->removeEdits(); // 36 bytes less
+        ASSERT_TRUE(file->close());
+    }
+    EXPECT_EQ(std::filesystem::file_size(path), size);
+    {
+        auto file = MP4File::read(path);
+        ASSERT_EQ(file->root().children()[2]->type(), kFree);
+        EXPECT_GE(file->root().children()[2]->fileSize, 36u) << "with any free box that was there";
+        EXPECT_EQ(mp4test::decodeErrors(path), "");
+    }
+    // The freed bytes take a small addition again, in place.
+    {
+        auto file = MP4File::modify(path);
+        file->track(1)->setName("Main"); // udta 8 + name 12
+        ASSERT_TRUE(file->close());
+    }
+    EXPECT_EQ(std::filesystem::file_size(path), size);
+    auto file = MP4File::read(path);
+    EXPECT_EQ(file->track(1)->name(), "Main");
+    EXPECT_EQ(mp4test::decodeErrors(path), "");
+}
+
+TEST(MP4Modify, TracksAddedToAnExistingFileGetTheirOwnMdat)
+{
+    auto path = copyOf(movie("mp4-modify-faststart.mp4", "-movflags +faststart"), "mp4-modify-chapters");
+    {
+        auto file = MP4File::modify(path);
+        ASSERT_TRUE(file);
+        uint32_t chapters = file->addChapterTextTrack(1, 1000);
+        ASSERT_NE(chapters, 0u);
+        EXPECT_TRUE(file->addChapter(chapters, 1200, "One"));
+        EXPECT_TRUE(file->addChapter(chapters, 800, "Two"));
+        ASSERT_TRUE(file->close());
+    }
+    std::string chapters = mp4test::output("ffprobe -v error -show_entries chapter=end_time:chapter_tags=title -of "
+                                           "csv=p=0 '" + path.string() + "'");
+    EXPECT_EQ(chapters, "1.200000,One\n2.000000,Two\n");
+    EXPECT_EQ(mp4test::decodeErrors(path), "");
+
+    // Deleting the track again removes the reference to it too.
+    auto file = MP4File::modify(path);
+    uint32_t id = file->findTrackId(0, kTextTrack);
+    ASSERT_TRUE(file->deleteTrack(id));
+    EXPECT_FALSE(file->track(1)->hasReference(fourcc("chap")));
+    ASSERT_TRUE(file->close());
+    EXPECT_EQ(mp4test::output("ffprobe -v error -show_chapters -of csv=p=0 '" + path.string() + "'"), "");
+}
+
+TEST(MP4Optimize, MovesMoovFirstAndKeepsEverySample)
+{
+    auto source = movie("mp4-modify-moovlast.mp4", "");
+    auto dir = qxtest::makeTempDir("mp4-optimize");
+    auto out = dir / "fast.mp4";
+    std::vector<double> reported;
+    ASSERT_TRUE(MP4File::optimize(source, out, [&](double p) { reported.push_back(p); }));
+    auto file = MP4File::read(out);
+    ASSERT_TRUE(file);
+    EXPECT_EQ(file->root().children()[0]->type(), FtypBox::kType);
+    EXPECT_EQ(file->root().children()[1]->type(), kMoov);
+    EXPECT_EQ(packetDigest(out), packetDigest(source));
+    EXPECT_EQ(mp4test::decodeErrors(out), "");
+    ASSERT_FALSE(reported.empty());
+    EXPECT_EQ(reported.back(), 1.0);
+    EXPECT_TRUE(std::is_sorted(reported.begin(), reported.end()));
+
+    // Cancelled: no output is left behind.
+    auto cancelled = dir / "cancelled.mp4";
+    EXPECT_FALSE(MP4File::optimize(source, cancelled, {}, [] { return true; }));
+    EXPECT_FALSE(std::filesystem::exists(cancelled));
+    EXPECT_FALSE(MP4File::optimize(dir / "missing.mp4", dir / "x.mp4"));
+}
+
+TEST(MP4Large, DataBeyondFourGiBUsesCo64AndA64BitMdat)
+{
+    auto video = mp4test::readStream(movie("mp4-modify-moovlast.mp4", ""), AVMEDIA_TYPE_VIDEO);
+    ASSERT_FALSE(video.packets.empty());
+    auto dir = qxtest::makeTempDir("mp4-large");
+    for (bool use64 : {false, true}) {
+        auto out = dir / (use64 ? "large64.mp4" : "large32.mp4");
+        MP4CreateOptions options;
+        options.use64BitData = use64;
+        {
+            auto file = MP4File::create(out, options);
+            ASSERT_TRUE(file);
+            AvcCBox config;
+            ByteReader in(video.extradata);
+            ASSERT_TRUE(config.parseFields(in));
+            uint32_t id = file->addH264VideoTrack(uint32_t(video.timeBase.den), -1, 320, 240, config.profile,
+                                                  config.profileCompatibility, config.level);
+            file->addH264SequenceParameterSet(id, config.sps[0].data(), uint16_t(config.sps[0].size()));
+            file->addH264PictureParameterSet(id, config.pps[0].data(), uint16_t(config.pps[0].size()));
+            file->setTrackDurationPerChunk(id, 1); // a chunk per sample
+            size_t half = video.packets.size() / 2;
+            for (size_t i = 0; i < video.packets.size(); ++i) {
+                if (i == half) {
+                    ASSERT_TRUE(file->skipMediaData(uint64_t(4) << 30)); // sparse
+                }
+                const auto& p = video.packets[i];
+                ASSERT_TRUE(file->writeSample(id, p.data.data(), p.data.size(), p.duration, p.pts - p.dts, p.key));
+            }
+            ASSERT_TRUE(file->close());
+        }
+        EXPECT_GT(std::filesystem::file_size(out), uint64_t(4) << 30);
+        auto file = MP4File::read(out);
+        ASSERT_TRUE(file);
+        EXPECT_FALSE(file->damaged());
+        Box* mdat = file->root().findChild(kMdat);
+        ASSERT_NE(mdat, nullptr);
+        EXPECT_TRUE(mdat->largeSize);
+        MP4Track* track = file->track(1);
+        EXPECT_NE(track->findBox("mdia.minf.stbl.co64"), nullptr);
+        EXPECT_EQ(track->findBox("mdia.minf.stbl.stco"), nullptr);
+        std::vector<uint8_t> data;
+        uint32_t last = track->sampleCount() - 1;
+        ASSERT_TRUE(track->readSample(last, data));
+        EXPECT_EQ(data, video.packets[last].data);
+        SampleInfo info;
+        track->sampleInfo(last, info);
+        EXPECT_GT(info.offset, uint64_t(4) << 30);
+        EXPECT_EQ(mp4test::output("ffprobe -v error -show_entries stream=nb_frames -of csv=p=0 '" + out.string() + "'"),
+                  std::to_string(video.packets.size()) + "\n");
+        std::filesystem::remove(out);
+    }
+}
+
+TEST(MP4Damage, TruncatedAndGarbageFilesFailCleanlyAndSaySo)
+{
+    auto good = bytesOf(movie("mp4-modify-faststart.mp4", "-movflags +faststart"));
+    auto dir = qxtest::makeTempDir("mp4-damage");
+    auto path = dir / "bad.mp4";
+
+    // Cut inside mdat: moov is complete, the file is damaged all the same.
+    {
+        mp4test::LogLines log;
+        writeBytes(path, std::vector<uint8_t>(good.begin(), good.end() - 1000));
+        auto file = MP4File::read(path);
+        ASSERT_TRUE(file);
+        EXPECT_TRUE(file->damaged());
+        EXPECT_TRUE(log.reportsDamage());
+        EXPECT_TRUE(log.has(MP4_LOG_ERROR, "invalid atom size"));
+    }
+    // Cut at many places: never a crash, always a report or a null.
+    for (size_t cut : {size_t(3), size_t(9), size_t(40), size_t(100), size_t(700), good.size() / 2}) {
+        mp4test::LogLines log;
+        writeBytes(path, std::vector<uint8_t>(good.begin(), good.begin() + std::ptrdiff_t(cut)));
+        auto file = MP4File::read(path);
+        EXPECT_TRUE(!file || file->damaged()) << cut;
+        EXPECT_TRUE(log.reportsDamage() || !file) << cut;
+    }
+    // Garbage and empty files.
+    {
+        mp4test::LogLines log;
+        std::vector<uint8_t> garbage(4096);
+        for (size_t i = 0; i < garbage.size(); ++i) garbage[i] = uint8_t(i * 7919 + 13);
+        writeBytes(path, garbage);
+        EXPECT_FALSE(MP4File::read(path));
+        EXPECT_TRUE(log.reportsDamage());
+        writeBytes(path, {});
+        EXPECT_FALSE(MP4File::read(path));
+        EXPECT_FALSE(MP4File::read(dir / "missing.mp4"));
+        EXPECT_FALSE(MP4File::read(dir)) << "a folder is no file";
+    }
+    // A zero box type deep inside moov is suspect, printed empty.
+    {
+        mp4test::LogLines log;
+        auto bytes = good;
+        auto file = MP4File::read(qxtest::mediaDir() / "mp4-modify-faststart.mp4");
+        Box* vmhd = file->track(1)->findBox("mdia.minf.vmhd");
+        ASSERT_NE(vmhd, nullptr);
+        std::fill_n(bytes.begin() + std::ptrdiff_t(vmhd->fileOffset + 4), 4, 0);
+        writeBytes(path, bytes);
+        auto damaged = MP4File::read(path);
+        ASSERT_TRUE(damaged);
+        EXPECT_TRUE(log.has(MP4_LOG_WARNING, "atom type  is suspect"));
+        EXPECT_TRUE(log.reportsDamage());
+    }
+    // A clean file says nothing of the kind.
+    {
+        mp4test::LogLines log;
+        writeBytes(path, good);
+        auto file = MP4File::read(path);
+        ASSERT_TRUE(file);
+        EXPECT_FALSE(file->damaged());
+        EXPECT_FALSE(log.reportsDamage());
+    }
+}
