@@ -18,6 +18,7 @@ extern "C" {
 #include "qxmedia/core/QXMedia.h"
 #include "qxmedia/metadata/QXMetaData.h"
 #include "qxmedia/mp4/MP4File.h"
+#include "qxmedia/mp4/MP4Track.h"
 #include "qxmedia/platform/image/QXImage.h"
 #include "qxmedia/platform/text/QXLanguageDetection.h"
 #include "qxmedia/platform/text/QXStringEncoding.h"
@@ -250,14 +251,19 @@ AVFormatContext* QXMovie::openInput(QXErrorRef* error)
 }
 
 // FFmpeg's MP4 demuxer keeps track references, header flags, layer,
-// alternate group and volume to itself; the MP4 layer reads them and they
-// join the streams' metadata under the keys the track import knows.
+// alternate group, volume and the track name (udta/name) to itself; the MP4
+// layer reads them and they join the streams' metadata under the keys the
+// track import knows.
 void QXMovie::mergeMP4TrackMetadata(AVFormatContext* context)
 {
     if (fileURLs.size() != 1) return;
     std::unique_ptr<mp4::MP4File> file = mp4::MP4File::read(fileURL);
     if (!file) return;
     const auto tracksByID = file->copyTrackMetadata();
+    std::map<uint32_t, std::string> names;
+    for (mp4::MP4Track* track : file->tracks()) {
+        if (std::string name = track->name(); !name.empty()) names[track->id()] = name;
+    }
     file->close();
     for (unsigned i = 0; i < context->nb_streams; ++i) {
         AVStream* stream = context->streams[i];
@@ -266,6 +272,9 @@ void QXMovie::mergeMP4TrackMetadata(AVFormatContext* context)
         for (const auto& [key, value] : found->second.dictionary()) {
             if (key == "codec_tag") continue; // protected entries are marked after the import
             av_dict_set(&stream->metadata, key.c_str(), value.c_str(), 0);
+        }
+        if (auto name = names.find(uint32_t(stream->id)); name != names.end()) {
+            av_dict_set(&stream->metadata, "title", name->second.c_str(), AV_DICT_DONT_OVERWRITE);
         }
     }
 }

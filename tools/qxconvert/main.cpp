@@ -2,6 +2,8 @@
 //
 //   qxconvert version            the library's version and its FFmpeg
 //   qxconvert encoders           the H.264/HEVC encoders and the hardware check
+//   qxconvert info FILE... [--json]   what a source holds
+//   qxconvert read FILE... [--json]   reads a source through the pipeline
 //
 // Log lines at warning and above go to stderr (all of them with -v).
 
@@ -15,13 +17,17 @@
 #include "qxmedia/core/QXEncoderList.h"
 #include "qxmedia/core/QXMedia.h"
 #include "qxmedia/core/QXVersion.h"
+#include "Commands.h"
 
 namespace {
 
 int gVerbosity = QXLogFlagWarning;
 
-void installLogger()
+} // namespace
+
+void installLogger(bool verbose)
 {
+    if (verbose) gVerbosity = QXLogFlagVerbose;
     QXMedia::sharedMedia().setLogCallback([](bool, int32_t flag, int32_t, const char*, const char*, uint64_t,
                                              const QXValue*, const char* format, va_list arguments) {
         if (flag > gVerbosity) return;
@@ -33,13 +39,13 @@ void installLogger()
     });
 }
 
-int version(const std::vector<std::string>&)
+int runVersion(const Arguments&)
 {
     std::printf("QXMedia %s\n%s\n", QXMediaVersionString(), QXMediaFFmpegDescription().c_str());
     return 0;
 }
 
-int encoders(const std::vector<std::string>&)
+int runEncoders(const Arguments&)
 {
     for (const QXEncoderInfo& info : QXEncoderList::copyVideoEncoderList()) {
         std::printf("%-16s %-5s %-9s %s (%s)\n", info.encoderID.c_str(), info.isHEVC ? "HEVC" : "H.264",
@@ -49,6 +55,8 @@ int encoders(const std::vector<std::string>&)
     return 0;
 }
 
+namespace {
+
 struct Command {
     const char* usage;
     std::function<int(const std::vector<std::string>&)> run;
@@ -57,8 +65,10 @@ struct Command {
 const std::map<std::string, Command>& commands()
 {
     static const std::map<std::string, Command> table = {
-        {"version", {"version", version}},
-        {"encoders", {"encoders", encoders}},
+        {"version", {"version", runVersion}},
+        {"encoders", {"encoders", runEncoders}},
+        {"info", {"info FILE... [--json]", runInfo}},
+        {"read", {"read FILE... [--json]", runRead}},
     };
     return table;
 }
@@ -75,14 +85,15 @@ int usage()
 int main(int argc, char** argv)
 {
     std::vector<std::string> arguments(argv + 1, argv + argc);
+    bool verbose = false;
     if (!arguments.empty() && arguments.front() == "-v") {
-        gVerbosity = QXLogFlagVerbose;
+        verbose = true;
         arguments.erase(arguments.begin());
     }
     if (arguments.empty()) return usage();
     auto it = commands().find(arguments.front());
     if (it == commands().end()) return usage();
-    installLogger();
+    installLogger(verbose);
     arguments.erase(arguments.begin());
     return it->second.run(arguments);
 }

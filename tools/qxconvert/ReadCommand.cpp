@@ -1,0 +1,166 @@
+// qxconvert read FILE [--json]: reads the whole source through the reading
+// pipeline (read loop, movie reader, one output per track, one channel per
+// track) into counting sinks, and prints per track what arrived.
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <mutex>
+#include <unistd.h>
+
+#include "Commands.h"
+#include "JsonWriter.h"
+#include "qxmedia/muxer/QXMuxerInputProtocol.h"
+#include "qxmedia/reader/QXSampleBufferChannel.h"
+#include "qxmedia/reader/QXTrackReaderOutput.h"
+#include "qxmedia/source/QXMovie.h"
+
+using namespace qx;
+
+namespace {
+
+std::atomic<bool> gInterrupted {false};
+
+void onInterrupt(int)
+{
+    gInterrupted = true;
+}
+
+// The end of a channel: counts what arrives instead of muxing it.
+class CountingSink : public QXMuxerInputProtocol {
+public:
+    bool isReadyForMoreMediaData() const override { return true; }
+    void requestMediaDataWhenReadyOnQueue(dispatch_queue_t queue, std::function<void()> block) override
+    {
+        dispatch_async(queue, std::move(block));
+    }
+    bool appendSampleBuffer(const CMSampleBufferRef& sample) override
+    {
+        processSample(sample);
+        return true;
+    }
+    void processSample(const CMSampleBufferRef& sample) override
+    {
+        if (!sample) return;
+        std::lock_guard guard(lock_);
+        ++samples;
+        bytes += CMSampleBufferGetTotalSampleSize(sample);
+        const CMTime pts = CMSampleBufferGetPresentationTimeStamp(sample);
+        if (CMTIME_IS_VALID(pts)) {
+            if (!CMTIME_IS_VALID(firstPTS)) firstPTS = pts;
+            lastPTS = pts;
+        }
+        auto attachments = CMSampleBufferGetFirstSampleAttachments(sample, false);
+        if (!attachments || !attachments->isTrue(kCMSampleAttachmentKey_NotSync)) ++syncSamples;
+    }
+    void markAsFinished() override {}
+
+    std::mutex lock_;
+    uint64_t samples = 0;
+    uint64_t bytes = 0;
+    uint64_t syncSamples = 0;
+    CMTime firstPTS = kCMTimeInvalid;
+    CMTime lastPTS = kCMTimeInvalid;
+};
+
+void drawProgress(double fraction)
+{
+    const int width = 40;
+    const int filled = int(fraction * width);
+    std::fprintf(stderr, "\r[%s%s] %5.1f%%", std::string(size_t(filled), '#').c_str(),
+                 std::string(size_t(width - filled), ' ').c_str(), fraction * 100);
+    std::fflush(stderr);
+}
+
+} // namespace
+
+int runRead(const Arguments& arguments)
+{
+    bool asJson = false;
+    std::vector<QXURL> urls;
+    for (const std::string& argument : arguments) {
+        if (argument == "--json") {
+            asJson = true;
+        } else {
+            urls.emplace_back(argument);
+        }
+    }
+    if (urls.empty()) {
+        std::fprintf(stderr, "usage: qxconvert read FILE... [--json]\n");
+        return 2;
+    }
+    QXErrorRef error;
+    auto movie = QXMovie::initWithURLs(urls, &error);
+    if (!movie) {
+        std::fprintf(stderr, "qxconvert: cannot open %s: %s\n", urls.front().c_str(),
+                     error ? error->localizedDescription().c_str() : "unknown error");
+        return 1;
+    }
+
+    struct Line {
+        QXTrackRef track;
+        std::shared_ptr<CountingSink> sink;
+        std::shared_ptr<QXSampleBufferChannel> channel;
+    };
+    std::vector<Line> lines;
+    dispatch_group_t group = dispatch_group_create();
+    for (const QXTrackRef& track : movie->tracks) {
+        auto output = QXTrackReaderOutput::initWithSource(track, track, false);
+        track->addOutput(output);
+        auto sink = std::make_shared<CountingSink>();
+        auto channel = QXSampleBufferChannel::initWithReaderOutput(output, sink);
+        dispatch_group_enter(group);
+        channel->startWithDelegate(nullptr, [group] { dispatch_group_leave(group); });
+        lines.push_back({track, sink, channel});
+    }
+
+    std::signal(SIGINT, onInterrupt);
+    const bool showProgress = ::isatty(STDERR_FILENO) && !asJson;
+    const bool started = movie->startReading();
+    bool cancelled = false;
+    while (dispatch_group_wait(group, dispatch_time(DISPATCH_TIME_NOW, 100 * 1000 * 1000)) != 0) {
+        if (gInterrupted && !cancelled) {
+            cancelled = true;
+            if (movie->isPaused) movie->togglePause();
+            movie->cancelReading();
+        }
+        if (showProgress && movie->progress) drawProgress(movie->progress->fractionCompleted());
+    }
+    if (showProgress) std::fprintf(stderr, "\n");
+    std::signal(SIGINT, SIG_DFL);
+
+    if (asJson) {
+        JsonWriter json;
+        json.beginObject();
+        json.key("status").number(movie->status.load());
+        json.key("tracks");
+        json.beginArray();
+        for (const Line& line : lines) {
+            json.beginObject();
+            json.key("streamIndex").number(int64_t(line.track->streamIndex));
+            json.key("class").string(line.track->className());
+            json.key("samples").unsignedNumber(line.sink->samples);
+            json.key("bytes").unsignedNumber(line.sink->bytes);
+            json.key("syncSamples").unsignedNumber(line.sink->syncSamples);
+            json.key("firstPTS").number(CMTimeGetSeconds(line.sink->firstPTS));
+            json.key("lastPTS").number(CMTimeGetSeconds(line.sink->lastPTS));
+            json.endObject();
+        }
+        json.endArray();
+        json.endObject();
+        std::printf("%s\n", json.text().c_str());
+    } else {
+        for (const Line& line : lines) {
+            std::printf("#%d %-22s %8llu samples %12llu bytes %6llu sync  first %s  last %s\n",
+                        line.track->streamIndex, line.track->className().c_str(),
+                        static_cast<unsigned long long>(line.sink->samples),
+                        static_cast<unsigned long long>(line.sink->bytes),
+                        static_cast<unsigned long long>(line.sink->syncSamples),
+                        CMTimeCopyDescription(line.sink->firstPTS).c_str(),
+                        CMTimeCopyDescription(line.sink->lastPTS).c_str());
+        }
+    }
+    movie->releaseReaders();
+    if (!started || movie->status == QXMovieStatusFailed) return 1;
+    return cancelled ? 130 : 0;
+}
