@@ -217,10 +217,21 @@ void parseEAC3Rest(BitReader& reader, AC3BitstreamInfo& info)
 
 int parseAC3BitstreamInfo(const uint8_t* data, size_t size, AC3BitstreamInfo& info)
 {
-    info = AC3BitstreamInfo {};
     BitReader reader(data, size);
-    const int result = parseAC3Header(reader, info.header);
-    if (result < 0) return result;
+    AC3HeaderInfo header;
+    const int result = parseAC3Header(reader, header);
+    if (result < 0) {
+        info = AC3BitstreamInfo {};
+        info.header = header;
+        return result;
+    }
+    return parseAC3BitstreamInfo(reader, header, info);
+}
+
+int parseAC3BitstreamInfo(BitReader& reader, const AC3HeaderInfo& header, AC3BitstreamInfo& info)
+{
+    info = AC3BitstreamInfo {};
+    info.header = header;
     if (info.header.bitstream_id <= 10)
         parseAC3Rest(reader, info);
     else

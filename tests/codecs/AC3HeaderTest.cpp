@@ -287,7 +287,10 @@ TEST(EAC3Header, HeaderFieldsAndReaderPosition)
     EXPECT_EQ(header.ac3_bit_rate_code, -1);
     // The reader stands before bsid, as callers of FFmpeg's parser expect.
     EXPECT_EQ(reader.position(), 40u);
-    EXPECT_EQ(reader.read(5), 16u);
+    AC3BitstreamInfo info;
+    ASSERT_EQ(parseAC3BitstreamInfo(reader, header, info), 0);
+    EXPECT_EQ(info.dialnorm, 27);
+    EXPECT_EQ(info.header.sample_rate, 22050u);
 
     const auto oneBlock = makeEAC3Frame({.numblkscod = 0, .size = 128});
     ASSERT_EQ(parseAC3Header(oneBlock.data(), oneBlock.size(), header), 0);
@@ -392,6 +395,17 @@ TEST(EAC3Configuration, DependentSubstreamsAndExtension)
     EXPECT_EQ(plain.configuration().substreams[0].num_dep_sub, 1);
     EXPECT_EQ(plain.configuration().substreams[0].chan_loc, 0);
     EXPECT_FALSE(plain.configuration().flag_ec3_extension_type_a);
+
+    // An AC-3 5.1 core with an E-AC-3 dependent substream, as 7.1 streams
+    // for AC-3 decoders are made.
+    const auto core = makeAC3Frame(0, 28, 8, 0, 7, 1, 1536);
+    const auto corePacket = concat({core, dependent});
+    EAC3ConfigurationBuilder withCore;
+    EXPECT_EQ(withCore.addPacket(corePacket.data(), corePacket.size()), 2);
+    EXPECT_EQ(withCore.configuration().substreams[0].bsid, 8);
+    EXPECT_EQ(withCore.configuration().substreams[0].num_dep_sub, 1);
+    EXPECT_EQ(withCore.channelLayout(), uint64_t(AV_CH_LAYOUT_7POINT1));
+    EXPECT_EQ(withCore.configuration().data_rate, 384 + 64);
 
     // A second program and a trailing fragment that does not parse.
     auto second = makeEAC3Frame({.substreamid = 1, .acmod = 2, .lfeon = 0, .size = 128});

@@ -98,6 +98,8 @@ struct AC3BitstreamInfo {
 
 // Parses the header and the whole bsi of the frame at data. 0 on success.
 int parseAC3BitstreamInfo(const uint8_t* data, size_t size, AC3BitstreamInfo& info);
+// Goes on from where parseAC3Header left the reader, with its result.
+int parseAC3BitstreamInfo(BitReader& reader, const AC3HeaderInfo& header, AC3BitstreamInfo& info);
 
 // Tables of A/52.
 extern const std::array<uint32_t, 3> kAC3SampleRates;      // by fscod
