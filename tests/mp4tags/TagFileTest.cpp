@@ -254,3 +254,38 @@ TEST(MP4TagFiles, WritingNeedsAWritableFile)
     EXPECT_FALSE(MP4TagsStore(tags, *file));
     EXPECT_FALSE(MP4ItmfAddItem(*file, MP4ItmfItemAlloc("a", "b", "c")));
 }
+
+TEST(MP4TagFiles, TagsOfAFileBeingCreated)
+{
+    const auto dir = qxtest::makeTempDir("mp4tags-create");
+    const auto path = dir / "created.m4a";
+    {
+        auto file = MP4File::create(path);
+        ASSERT_TRUE(file);
+        const uint32_t track = file->addAudioTrack(48000, 1024);
+        ASSERT_NE(track, 0u);
+        const std::vector<uint8_t> silence(16, 0);
+        for (int i = 0; i < 10; ++i) ASSERT_TRUE(file->writeSample(track, silence.data(), silence.size()));
+        MP4Tags tags;
+        ASSERT_TRUE(MP4TagsFetch(tags, *file));
+        EXPECT_EQ(tags, MP4Tags {});
+        tags.name = "Created";
+        tags.gapless = true;
+        ASSERT_TRUE(MP4TagsStore(tags, *file));
+        ASSERT_TRUE(file->close());
+    }
+    auto file = MP4File::read(path);
+    ASSERT_TRUE(file);
+    MP4Tags tags;
+    ASSERT_TRUE(MP4TagsFetch(tags, *file));
+    EXPECT_EQ(tags.name, "Created");
+    EXPECT_EQ(tags.gapless, true);
+    auto* hdlr = file->moov()->findPath<HdlrBox>("udta.meta.hdlr");
+    ASSERT_TRUE(hdlr);
+    EXPECT_EQ(hdlr->handlerType, fourcc("mdir"));
+    if (qxtest::haveTool("AtomicParsley")) {
+        const std::string ap = output("AtomicParsley '" + path.string() + "' -t");
+        EXPECT_NE(ap.find("Atom \"\xc2\xa9nam\" contains: Created"), std::string::npos) << ap;
+        EXPECT_NE(ap.find("Atom \"pgap\" contains: true"), std::string::npos) << ap;
+    }
+}
