@@ -143,3 +143,26 @@ TEST(MP4ChapterFiles, ChaptersPastTheEndAreLeftOut)
     EXPECT_EQ(MP4SetChapters(*readOnly, kThree), MP4ChapterTypeNone);
     EXPECT_EQ(MP4DeleteChapters(*readOnly, MP4ChapterTypeAny), MP4ChapterTypeNone);
 }
+
+TEST(MP4ChapterFiles, ChaptersOfAnFfmpegMovieAreReplaced)
+{
+    // ffmpeg refers to its chapter track from the video and the audio track.
+    const auto dir = qxtest::makeTempDir("mp4tags-ffmpeg-chapters");
+    const auto path = copyTo(taggedMovie(), dir, "replace.m4v");
+    {
+        auto file = MP4File::modify(path);
+        ASSERT_TRUE(file);
+        const size_t tracks = file->trackCount();
+        EXPECT_EQ(MP4SetChapters(*file, {{1000, "New one"}, {1000, "New two"}}, MP4ChapterTypeAny), MP4ChapterTypeAny);
+        EXPECT_EQ(file->trackCount(), tracks);
+        size_t referring = 0;
+        for (MP4Track* track : file->tracks()) referring += track->hasReference(fourcc("chap"));
+        EXPECT_EQ(referring, 1u) << "only the video track refers to the new chapter track";
+        ASSERT_TRUE(file->close());
+    }
+    EXPECT_EQ(probeChapters(path), "0.000000,1.000000,New one\n1.000000,4.000000,New two\n");
+    auto file = MP4File::read(path);
+    std::vector<MP4Chapter> chapters;
+    ASSERT_EQ(MP4GetChapters(*file, chapters, MP4ChapterTypeNero), MP4ChapterTypeNero);
+    EXPECT_EQ(chapters, (std::vector<MP4Chapter> {{1000, "New one"}, {3000, "New two"}}));
+}
