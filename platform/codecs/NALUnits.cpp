@@ -1,6 +1,5 @@
 #include "qxmedia/platform/codecs/NALUnits.h"
 
-#include <algorithm>
 
 #include "qxmedia/platform/codecs/ParameterSetParser.h"
 
@@ -171,14 +170,18 @@ ParameterSets readParameterSets(NALCodec codec, const uint8_t* extradata, size_t
 std::vector<uint8_t> createAvcC(const std::vector<NALUnitBytes>& sps, const std::vector<NALUnitBytes>& pps)
 {
     if (sps.empty() || sps[0].size() < 4 || sps.size() > 31 || pps.size() > 255) return {};
+    for (const auto* list : {&sps, &pps}) {
+        for (const auto& unit : *list) {
+            if (unit.empty() || unit.size() > 0xFFFF) return {};
+        }
+    }
     H264SequenceParameterSet parsed;
     const bool haveSPS = parseH264SPS(sps[0], parsed);
     std::vector<uint8_t> out = {1, sps[0][1], sps[0][2], sps[0][3], 0xFF, uint8_t(0xE0 | sps.size())};
     auto add = [&out](const NALUnitBytes& unit) {
-        const size_t length = std::min<size_t>(unit.size(), 0xFFFF);
-        out.push_back(uint8_t(length >> 8));
-        out.push_back(uint8_t(length));
-        out.insert(out.end(), unit.begin(), unit.begin() + ptrdiff_t(length));
+        out.push_back(uint8_t(unit.size() >> 8));
+        out.push_back(uint8_t(unit.size()));
+        out.insert(out.end(), unit.begin(), unit.end());
     };
     for (const auto& unit : sps) add(unit);
     out.push_back(uint8_t(pps.size()));

@@ -55,7 +55,6 @@ public:
     void writeBytes(std::span<const uint8_t> bytes);
     // Pads with zero bits to a whole byte.
     void flush();
-    size_t bitCount() const { return bytes_.size() * 8 - (pending_ ? 8 - pending_ : 0); }
     // The bytes written so far, the last one padded with zeros.
     const std::vector<uint8_t>& bytes() const { return bytes_; }
     std::vector<uint8_t> take();
