@@ -1,6 +1,5 @@
 #include "qxmedia/platform/codecs/NALUnits.h"
 
-
 #include "qxmedia/platform/codecs/ParameterSetParser.h"
 
 namespace qx {
