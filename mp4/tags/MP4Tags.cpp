@@ -1,7 +1,6 @@
 #include "qxmedia/mp4/tags/MP4Tags.h"
 
 #include <algorithm>
-#include <cstring>
 #include <type_traits>
 
 #include "TagBytes.h"
