@@ -126,6 +126,7 @@ MP4Track* MP4File::newTrack(FourCC handler, uint32_t timescale, const std::strin
     }
     Box* added = movie->insertChild(at, std::move(trak));
     tracks_.push_back(std::make_unique<MP4Track>(*this, *added));
+    tracks_.back()->isNew = true;
     if (MvhdBox* m = mvhd()) m->nextTrackId = id + 1;
     return tracks_.back().get();
 }

@@ -306,7 +306,15 @@ bool MP4Track::flushChunk()
 void MP4Track::finish(uint32_t movieTimescale)
 {
     flushChunk();
-    if (samplesWritten_ == 0) return; // a track read from the file keeps its headers
+    TkhdBox* header = tkhd();
+    std::vector<EditEntry> list = edits();
+    if (header && !list.empty()) {
+        // The edits say how long the track plays.
+        uint64_t total = 0;
+        for (const auto& e : list) total += e.segmentDuration;
+        header->duration = total;
+    }
+    if (samplesWritten_ == 0 && !isNew) return; // a track read from the file keeps its headers
     uint64_t mediaDuration = duration();
     if (MdhdBox* m = mdhd()) m->duration = mediaDuration;
     if (Box* table = stbl()) {
@@ -314,14 +322,7 @@ void MP4Track::finish(uint32_t movieTimescale)
         if (auto stss = table->findChild<StssBox>(); stss && stss->samples.size() == stsz()->sampleCount())
             table->removeChild(stss);
     }
-    TkhdBox* header = tkhd();
-    if (!header) return;
-    std::vector<EditEntry> list = edits();
-    if (!list.empty()) {
-        uint64_t total = 0;
-        for (const auto& e : list) total += e.segmentDuration;
-        header->duration = total;
-    } else if (timeScale()) {
+    if (header && list.empty() && timeScale()) {
         header->duration = uint64_t(((unsigned __int128)mediaDuration * movieTimescale + timeScale() - 1) / timeScale());
     }
 }

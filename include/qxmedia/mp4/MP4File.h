@@ -140,6 +140,20 @@ public:
     // Converts a duration of a track's timescale to the movie's.
     uint64_t convertFromTrackDuration(uint32_t trackId, uint64_t duration) const;
 
+    // Track properties by the dotted names libmp4v2 callers use ("tkhd.flags",
+    // "tkhd.layer", "mdia.minf.stbl.stsd.tx3g.fontSize", "tref.chap.entries.trackId",
+    // "mdia.minf.stbl.stsd.*.colr.primariesIndex", ...; docs/MP4LAYER.md has
+    // the list). False for a name not known or a box that is not there.
+    bool setTrackIntegerProperty(uint32_t trackId, const std::string& name, uint64_t value);
+    bool getTrackIntegerProperty(uint32_t trackId, const std::string& name, uint64_t& value) const;
+    bool setTrackFloatProperty(uint32_t trackId, const std::string& name, double value); // tkhd.volume/width/height
+    bool getTrackFloatProperty(uint32_t trackId, const std::string& name, double& value) const;
+    // "tkhd.matrix" (36 bytes) and "mdia.minf.stbl.stsd.hvc1.hvcC.content".
+    bool setTrackBytesProperty(uint32_t trackId, const std::string& name, const uint8_t* data, size_t size);
+    bool getTrackBytesProperty(uint32_t trackId, const std::string& name, std::vector<uint8_t>& data) const;
+    // Whether a box exists below the track's trak: "tref.chap", "mdia.minf.stbl.stsd.*.pasp".
+    bool haveTrackAtom(uint32_t trackId, const std::string& path) const;
+
     // Source metadata of every track, by track id.
     std::map<uint32_t, MP4TrackMetadata> copyTrackMetadata() const;
 

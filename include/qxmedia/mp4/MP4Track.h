@@ -104,6 +104,7 @@ public:
     void removeEdits();
 
     // Writing.
+    bool isNew = false;               // made in this session: close() fills in its headers
     uint32_t fixedSampleDuration = 0; // used when a sample's duration is -1
     uint64_t durationPerChunk() const { return durationPerChunk_; }
     void setDurationPerChunk(uint64_t duration) { durationPerChunk_ = duration ? duration : 1; }
