@@ -41,6 +41,13 @@ std::unique_ptr<MP4File> MP4File::modify(const std::filesystem::path& path)
 {
     std::unique_ptr<MP4File> file(new MP4File(path, Mode::Modify));
     if (!file->open() || !file->parse()) return nullptr;
+    if (file->damaged_) {
+        // Writing back a tree that was only partly understood could lose data.
+        MP4Log(MP4_LOG_ERROR, "\"%s\" is damaged and is not modified", path.c_str());
+        ::close(file->fd_);
+        file->fd_ = -1;
+        return nullptr;
+    }
     return file;
 }
 

@@ -270,6 +270,7 @@ TEST(MP4Damage, TruncatedAndGarbageFilesFailCleanlyAndSaySo)
         EXPECT_TRUE(file->damaged());
         EXPECT_TRUE(log.reportsDamage());
         EXPECT_TRUE(log.has(MP4_LOG_ERROR, "invalid atom size"));
+        EXPECT_FALSE(MP4File::modify(path)) << "a damaged file is not written to";
     }
     // Cut at many places: never a crash, always a report or a null.
     for (size_t cut : {size_t(3), size_t(9), size_t(40), size_t(100), size_t(700), good.size() / 2}) {
