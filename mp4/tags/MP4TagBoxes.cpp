@@ -63,9 +63,27 @@ template <class T> T* retypeInPlace(Box* box)
 
 } // namespace
 
+namespace {
+
+// The meta box of iTunes tags: handler "mdir" (or no handler at all). A
+// QuickTime meta with handler "mdta" keeps its ilst items by key index and
+// is not one.
+Box* tagMeta(Box& moov)
+{
+    Box* udta = moov.findChild(kUdta);
+    if (!udta) return nullptr;
+    for (Box* meta : udta->findChildren(MetaBox::kType)) {
+        auto* hdlr = meta->findChild<HdlrBox>();
+        if (!hdlr || hdlr->handlerType == fourcc("mdir")) return meta;
+    }
+    return nullptr;
+}
+
+} // namespace
+
 IlstBox* MP4FindIlst(Box& moov)
 {
-    Box* meta = moov.findPath("udta.meta");
+    Box* meta = tagMeta(moov);
     if (!meta) return nullptr;
     return retypeInPlace<IlstBox>(meta->findChild(IlstBox::kType));
 }
@@ -75,7 +93,7 @@ IlstBox& MP4MakeIlst(Box& moov)
     if (IlstBox* found = MP4FindIlst(moov)) return *found;
     Box* udta = moov.findChild(kUdta);
     if (!udta) udta = moov.addChild(BoxRegistry::create(kUdta, moov.type()));
-    Box* meta = udta->findChild(MetaBox::kType);
+    Box* meta = tagMeta(moov);
     if (!meta) meta = udta->addChild(std::make_unique<MetaBox>());
     if (!meta->findChild(HdlrBox::kType)) {
         auto hdlr = std::make_unique<HdlrBox>();

@@ -133,20 +133,6 @@ void decodeField(const MP4TagField& field, const MP4ItmfItem& item, MP4Tags& tag
         field.member);
 }
 
-bool fieldIsSet(const MP4TagField& field, const MP4Tags& tags)
-{
-    return std::visit(
-        [&](auto member) {
-            const auto& value = tags.*member;
-            if constexpr (std::is_same_v<std::remove_cvref_t<decltype(value)>, std::vector<MP4TagArtwork>>) {
-                return !value.empty();
-            } else {
-                return value.has_value();
-            }
-        },
-        field.member);
-}
-
 bool fieldEquals(const MP4TagField& field, const MP4Tags& a, const MP4Tags& b)
 {
     return std::visit([&](auto member) { return a.*member == b.*member; }, field.member);
@@ -215,6 +201,20 @@ const MP4TagField* MP4TagFieldForCode(const std::string& code)
     return nullptr;
 }
 
+bool MP4TagFieldIsSet(const MP4TagField& field, const MP4Tags& tags)
+{
+    return std::visit(
+        [&](auto member) {
+            const auto& value = tags.*member;
+            if constexpr (std::is_same_v<std::remove_cvref_t<decltype(value)>, std::vector<MP4TagArtwork>>) {
+                return !value.empty();
+            } else {
+                return value.has_value();
+            }
+        },
+        field.member);
+}
+
 MP4TagArtworkType MP4TagArtworkTypeOfData(std::span<const uint8_t> data)
 {
     auto startsWith = [&](std::initializer_list<uint8_t> magic) {
@@ -239,7 +239,7 @@ void MP4TagsStore(const MP4Tags& tags, MP4ItmfItemList& items)
     for (const MP4TagField& field : kFields) {
         auto first = std::find_if(items.begin(), items.end(), [&](const MP4ItmfItem& i) { return i.code == field.code; });
         const auto count = std::count_if(items.begin(), items.end(), [&](const MP4ItmfItem& i) { return i.code == field.code; });
-        const bool set = fieldIsSet(field, tags);
+        const bool set = MP4TagFieldIsSet(field, tags);
         if (count == 0 && !set) continue;
         if (count == 1) {
             MP4Tags asStored;

@@ -21,10 +21,10 @@ bool writable(MP4File& file, const char* operation)
 // tags has no tag boxes.
 void pruneEmptyTags(Box& moov)
 {
-    Box* udta = moov.findChild(kUdta);
-    Box* meta = udta ? udta->findChild(MetaBox::kType) : nullptr;
-    IlstBox* ilst = meta ? meta->findChild<IlstBox>() : nullptr;
+    IlstBox* ilst = MP4FindIlst(moov);
     if (!ilst || !ilst->items.empty()) return;
+    Box* meta = ilst->parent();
+    Box* udta = meta->parent();
     meta->removeChild(ilst);
     const bool onlyHandler = meta->children().size() == 1 && meta->findChild(HdlrBox::kType);
     if (meta->children().empty() || onlyHandler) udta->removeChild(meta);

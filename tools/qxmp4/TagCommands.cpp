@@ -107,19 +107,6 @@ std::string fieldJson(const MP4TagField& field, const MP4Tags& tags)
         field.member);
 }
 
-bool fieldIsSet(const MP4TagField& field, const MP4Tags& tags)
-{
-    return std::visit(
-        [&](auto member) {
-            const auto& value = tags.*member;
-            if constexpr (std::is_same_v<std::remove_cvref_t<decltype(value)>, std::vector<MP4TagArtwork>>)
-                return !value.empty();
-            else
-                return value.has_value();
-        },
-        field.member);
-}
-
 // Type and value (text) or size (other data) of an item's first data entry.
 std::string dataJson(const MP4ItmfItem& item)
 {
@@ -244,7 +231,7 @@ int tagsCommand(const Arguments& arguments)
     out << "{\n  \"tags\": {";
     const char* separator = "\n";
     for (const MP4TagField& field : MP4TagFields()) {
-        if (!fieldIsSet(field, tags)) continue;
+        if (!MP4TagFieldIsSet(field, tags)) continue;
         out << separator << "    " << quoted(MP4ItmfCodeToText(field.code)) << ": " << fieldJson(field, tags);
         separator = ",\n";
     }
@@ -260,7 +247,7 @@ int tagsCommand(const Arguments& arguments)
     separator = "\n";
     for (const MP4ItmfItem& item : items) {
         const MP4TagField* field = MP4TagFieldForCode(item.code);
-        if (item.isFreeForm() || (field && fieldIsSet(*field, tags))) continue;
+        if (item.isFreeForm() || (field && MP4TagFieldIsSet(*field, tags))) continue;
         out << separator << "    {\"code\": " << quoted(MP4ItmfCodeToText(item.code)) << ", " << dataJson(item) << "}";
         separator = ",\n";
     }

@@ -117,6 +117,8 @@ struct MP4TagField {
 };
 std::span<const MP4TagField> MP4TagFields();
 const MP4TagField* MP4TagFieldForCode(const std::string& code);
+// True when the tags hold a value for the field (artwork: at least one).
+bool MP4TagFieldIsSet(const MP4TagField& field, const MP4Tags& tags);
 
 // Between a tag set and a list of items. Fetch sets every field whose item
 // is present and readable and leaves the others alone. Store replaces the
