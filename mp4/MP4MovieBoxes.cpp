@@ -90,7 +90,9 @@ std::string MvhdBox::describe() const
     return format("timescale %u duration %llu next track %u", timescale, (unsigned long long)duration, nextTrackId);
 }
 
-// iods holds an MP4_IOD descriptor (tag 0x10) with the profile levels.
+// iods holds an MP4_IOD descriptor (tag 0x10) with the profile levels. The
+// descriptor is kept as read (with any ES_ID_Inc descriptors after the
+// levels); only the five level bytes are rewritten.
 bool IodsBox::parseFullFields(ByteReader& in)
 {
     raw = in.rest();
@@ -107,6 +109,8 @@ bool IodsBox::parseFullFields(ByteReader& in)
     if (length < 7 || length > d.remaining()) return true;
     uint16_t idFlags = d.u16();
     objectDescriptorId = uint16_t(idFlags >> 6);
+    if (idFlags & 0x20) return true; // a URL instead of levels
+    levelsOffset = d.position();
     odProfileLevel = d.u8();
     sceneProfileLevel = d.u8();
     audioProfileLevel = d.u8();
@@ -118,8 +122,16 @@ bool IodsBox::parseFullFields(ByteReader& in)
 
 void IodsBox::writeFullFields(ByteWriter& out) const
 {
-    if (!parsed && !raw.empty()) {
-        out.bytes(raw);
+    if (!raw.empty()) {
+        std::vector<uint8_t> bytes = raw;
+        if (parsed && levelsOffset + 5 <= bytes.size()) {
+            bytes[levelsOffset] = odProfileLevel;
+            bytes[levelsOffset + 1] = sceneProfileLevel;
+            bytes[levelsOffset + 2] = audioProfileLevel;
+            bytes[levelsOffset + 3] = visualProfileLevel;
+            bytes[levelsOffset + 4] = graphicsProfileLevel;
+        }
+        out.bytes(bytes);
         return;
     }
     out.u8(0x10);

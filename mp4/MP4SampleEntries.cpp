@@ -42,14 +42,14 @@ uint32_t readDescriptorLength(ByteReader& in)
     return length;
 }
 
-void writeDescriptor(ByteWriter& out, uint8_t tag, const std::vector<uint8_t>& body)
+void writeDescriptor(ByteWriter& out, uint8_t tag, const std::vector<uint8_t>& body, uint8_t lengthSize)
 {
     out.u8(tag);
     uint32_t n = uint32_t(body.size());
-    // Four-byte length form, as common muxers write it; readers accept both.
-    out.u8(uint8_t(0x80 | ((n >> 21) & 0x7F)));
-    out.u8(uint8_t(0x80 | ((n >> 14) & 0x7F)));
-    out.u8(uint8_t(0x80 | ((n >> 7) & 0x7F)));
+    // The length in `lengthSize` bytes of seven bits each, more if it needs them.
+    int bytes = lengthSize;
+    while (bytes < 4 && (n >> (7 * bytes)) != 0) ++bytes;
+    for (int i = bytes - 1; i > 0; --i) out.u8(uint8_t(0x80 | ((n >> (7 * i)) & 0x7F)));
     out.u8(uint8_t(n & 0x7F));
     out.bytes(body);
 }
@@ -245,6 +245,10 @@ bool TextSampleEntry::parseFields(ByteReader& in)
     boxRight = in.i16();
     reserved1 = in.u32();
     reserved2 = in.u32();
+    // Some muxers end here and follow with boxes (ftab); those stay in trailing.
+    shortForm = in.remaining() < 13 || (in.remaining() >= 8 && fourccIsPrintable(readBE32(in.current() + 4)) &&
+                                        readBE32(in.current()) >= 8 && readBE32(in.current()) <= in.remaining());
+    if (shortForm) return in.ok();
     fontNumber = in.u16();
     fontFace = in.u16();
     reserved3 = in.u8();
@@ -266,6 +270,7 @@ void TextSampleEntry::writeFields(ByteWriter& out) const
     out.u16(uint16_t(boxRight));
     out.u32(reserved1);
     out.u32(reserved2);
+    if (shortForm) return;
     out.u16(fontNumber);
     out.u16(fontFace);
     out.u8(reserved3);
@@ -329,29 +334,48 @@ void HvcCBox::writeFields(ByteWriter& out) const { out.bytes(content); }
 
 std::string HvcCBox::describe() const { return std::to_string(content.size()) + " bytes"; }
 
+// The descriptors are rebuilt from the fields on writing, with the length
+// form of the source (one to four bytes) and every descriptor the layer does
+// not read kept as it was, so an unchanged esds keeps its size.
 bool EsdsBox::parseFullFields(ByteReader& in)
 {
     if (in.u8() != 0x03) return false;
+    size_t before = in.position();
     ByteReader es = in.sub(readDescriptorLength(in));
+    lengthSize = uint8_t(std::clamp<size_t>(in.position() - before - es.size(), 1, 4));
     esId = es.u16();
+    size_t headerStart = es.position();
     uint8_t esFlags = es.u8();
-    if (esFlags & 0x80) es.skip(2);          // depends on ES_ID
-    if (esFlags & 0x40) es.skip(es.u8());    // URL
-    if (esFlags & 0x20) es.skip(2);          // OCR ES_ID
+    if (esFlags & 0x80) es.skip(2);       // depends on ES_ID
+    if (esFlags & 0x40) es.skip(es.u8()); // URL
+    if (esFlags & 0x20) es.skip(2);       // OCR ES_ID
+    esHeader.assign(es.current() - (es.position() - headerStart), es.current());
     decoderSpecificInfo.clear();
+    otherDescriptors.clear();
+    configExtra.clear();
     while (es.remaining() >= 2 && es.ok()) {
+        const uint8_t* descriptorStart = es.current();
         uint8_t tag = es.u8();
         ByteReader body = es.sub(readDescriptorLength(es));
-        if (tag != 0x04) continue;
+        if (tag != 0x04) {
+            otherDescriptors.insert(otherDescriptors.end(), descriptorStart, es.current());
+            continue;
+        }
         objectTypeIndication = body.u8();
-        streamType = uint8_t(body.u8() >> 2);
+        uint8_t type = body.u8();
+        streamType = uint8_t(type >> 2);
+        upStream = (type & 2) != 0;
         bufferSizeDB = body.u24();
         maxBitrate = body.u32();
         avgBitrate = body.u32();
         while (body.remaining() >= 2 && body.ok()) {
+            const uint8_t* innerStart = body.current();
             uint8_t innerTag = body.u8();
             ByteReader inner = body.sub(readDescriptorLength(body));
-            if (innerTag == 0x05) decoderSpecificInfo = inner.rest();
+            if (innerTag == 0x05)
+                decoderSpecificInfo = inner.rest();
+            else
+                configExtra.insert(configExtra.end(), innerStart, body.current());
         }
         if (!body.ok()) return false;
     }
@@ -362,18 +386,25 @@ void EsdsBox::writeFullFields(ByteWriter& out) const
 {
     ByteWriter config;
     config.u8(objectTypeIndication);
-    config.u8(uint8_t((streamType << 2) | 1));
+    config.u8(uint8_t((streamType << 2) | (upStream ? 2 : 0) | 1));
     config.u24(bufferSizeDB);
     config.u32(maxBitrate);
     config.u32(avgBitrate);
-    if (!decoderSpecificInfo.empty()) writeDescriptor(config, 0x05, decoderSpecificInfo);
+    if (!decoderSpecificInfo.empty()) writeDescriptor(config, 0x05, decoderSpecificInfo, lengthSize);
+    config.bytes(configExtra);
 
     ByteWriter es;
     es.u16(esId);
-    es.u8(0);
-    writeDescriptor(es, 0x04, config.buffer());
-    writeDescriptor(es, 0x06, {0x02});
-    writeDescriptor(out, 0x03, es.buffer());
+    if (esHeader.empty())
+        es.u8(0);
+    else
+        es.bytes(esHeader);
+    writeDescriptor(es, 0x04, config.buffer(), lengthSize);
+    if (otherDescriptors.empty())
+        writeDescriptor(es, 0x06, {0x02}, lengthSize);
+    else
+        es.bytes(otherDescriptors);
+    writeDescriptor(out, 0x03, es.buffer(), lengthSize);
 }
 
 std::string EsdsBox::describe() const

@@ -317,3 +317,58 @@ TEST(MP4Damage, TruncatedAndGarbageFilesFailCleanlyAndSaySo)
         EXPECT_FALSE(log.reportsDamage());
     }
 }
+
+TEST(MP4Model, MoovOfOtherMuxersIsWrittenBackByteForByte)
+{
+    // Files of ffmpeg's mp4, ipod and mov muxers: every typed box must
+    // serialise to exactly what it was read from, or in-place edits of
+    // such files would not fit.
+    auto srt = qxtest::makeTempDir("mp4-model") / "subs.srt";
+    qxtest::writeFile(srt, "1\n00:00:00,500 --> 00:00:01,500\nHello\n");
+    auto meta = srt.parent_path() / "chapters.txt";
+    qxtest::writeFile(meta, ";FFMETADATA1\ntitle=T\n[CHAPTER]\nTIMEBASE=1/1000\nSTART=0\nEND=1000\ntitle=A\n"
+                            "[CHAPTER]\nTIMEBASE=1/1000\nSTART=1000\nEND=2000\ntitle=B\n");
+    std::vector<std::filesystem::path> files = {
+        movie("mp4-modify-faststart.mp4", "-movflags +faststart"),
+        qxtest::generate("mp4-model.m4v", "-f lavfi -i testsrc2=size=320x240:rate=25:duration=2 -f lavfi -i "
+                                          "sine=duration=2 -i '" + srt.string() + "' -i '" + meta.string() +
+                                          "' -map 0 -map 1 -map 2 -map_chapters 3 -c:v libx264 -preset veryfast "
+                                          "-c:a aac -c:s mov_text -f ipod"),
+        qxtest::generate("mp4-model.mov", "-f lavfi -i testsrc2=size=320x240:rate=25:duration=1 -f lavfi -i "
+                                          "sine=duration=1 -c:v libx264 -preset veryfast -c:a pcm_s16le"),
+        qxtest::generate("mp4-model-hevc.mp4", "-f lavfi -i testsrc2=size=320x240:rate=25:duration=1 -f lavfi -i "
+                                               "sine=duration=1 -af aformat=channel_layouts=5.1 -c:v libx265 "
+                                               "-preset ultrafast -tag:v hvc1 -x265-params log-level=error "
+                                               "-c:a eac3"),
+    };
+    for (const auto& path : files) {
+        ASSERT_FALSE(path.empty());
+        auto file = MP4File::read(path);
+        ASSERT_TRUE(file) << path;
+        EXPECT_FALSE(file->damaged());
+        Box* moov = file->moov();
+        std::vector<uint8_t> original(moov->fileSize);
+        ASSERT_TRUE(file->readAt(moov->fileOffset, original.data(), original.size()));
+        std::vector<uint8_t> written = moov->toBytes();
+        if (written == original) continue;
+        // Name the first box that differs.
+        std::function<void(const Box&)> compare = [&](const Box& box) {
+            if (!box.fileSize) return;
+            std::vector<uint8_t> again = box.toBytes();
+            std::vector<uint8_t> before(box.fileSize);
+            file->readAt(box.fileOffset, before.data(), before.size());
+            if (again == before) return;
+            bool childDiffers = false;
+            for (const auto& child : box.children()) {
+                std::vector<uint8_t> c(child->fileSize);
+                file->readAt(child->fileOffset, c.data(), c.size());
+                if (child->toBytes() != c) {
+                    childDiffers = true;
+                    compare(*child);
+                }
+            }
+            if (!childDiffers) ADD_FAILURE() << path.filename() << ": " << box.typeString() << " at " << box.fileOffset;
+        };
+        compare(*moov);
+    }
+}

@@ -60,8 +60,9 @@ public:
     uint8_t audioProfileLevel = 0xFF;
     uint8_t visualProfileLevel = 0xFF;
     uint8_t graphicsProfileLevel = 0xFF;
-    bool parsed = false; // false: descriptor kept in `raw`
-    std::vector<uint8_t> raw;
+    bool parsed = false;     // the levels were found (or the box is new)
+    std::vector<uint8_t> raw; // the descriptor as read; empty for a new box
+    size_t levelsOffset = 0;
 };
 
 // Track header flags.

@@ -120,6 +120,8 @@ public:
     uint16_t reserved4 = 0;
     std::array<uint16_t, 3> foregroundColor {};
     std::string fontName;
+    bool shortForm = false; // as read: no font fields after the text box
+
 };
 
 class AvcCBox : public Box {
@@ -164,6 +166,12 @@ public:
     uint32_t maxBitrate = 0;
     uint32_t avgBitrate = 0;
     std::vector<uint8_t> decoderSpecificInfo;
+    bool upStream = false;
+    // How the source wrote it, kept for an unchanged size on rewriting.
+    uint8_t lengthSize = 4;                // bytes of each descriptor length
+    std::vector<uint8_t> esHeader;         // ES flags and their optional fields
+    std::vector<uint8_t> configExtra;      // descriptors after the decoder specific info
+    std::vector<uint8_t> otherDescriptors; // SL config and others after the decoder config
 };
 
 class Dac3Box : public Box {
