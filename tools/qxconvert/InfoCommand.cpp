@@ -39,6 +39,7 @@ void writeTrack(JsonWriter& json, const QXTrack& track)
     json.key("layer").number(track.layer);
     json.key("isMuxable").boolean(track.isMuxable());
     json.key("isEncodable").boolean(track.isEncodable());
+    json.key("duration").number(CMTimeGetSeconds(track.duration)); // null when invalid
     json.key("displayDescription").string(track.displayDescription());
     if (const auto* video = dynamic_cast<const QXVideoTrack*>(&track)) {
         json.key("width").unsignedNumber(video->width);

@@ -20,7 +20,7 @@ public:
     JsonWriter& key(std::string_view name)
     {
         separate();
-        string(name);
+        quote(name);
         text_ += ": ";
         afterKey_ = true;
         return *this;
@@ -28,6 +28,28 @@ public:
     void string(std::string_view value)
     {
         separate();
+        quote(value);
+    }
+    void number(int64_t value) { raw(std::to_string(value)); }
+    void unsignedNumber(uint64_t value) { raw(std::to_string(value)); }
+    void number(double value)
+    {
+        if (!std::isfinite(value)) return null();
+        // Enough digits for milliseconds of a long movie.
+        char buffer[32];
+        std::snprintf(buffer, sizeof buffer, "%.12g", value);
+        raw(buffer);
+    }
+    void boolean(bool value) { raw(value ? "true" : "false"); }
+    void null() { raw("null"); }
+    void value(const QXValue& value);
+
+    const std::string& text() const { return text_; }
+
+private:
+    // A string token; the caller has placed the separator already.
+    void quote(std::string_view value)
+    {
         text_ += '"';
         for (unsigned char c : value) {
             switch (c) {
@@ -48,22 +70,6 @@ public:
         }
         text_ += '"';
     }
-    void number(int64_t value) { raw(std::to_string(value)); }
-    void unsignedNumber(uint64_t value) { raw(std::to_string(value)); }
-    void number(double value)
-    {
-        if (!std::isfinite(value)) return null();
-        char buffer[32];
-        std::snprintf(buffer, sizeof buffer, "%.6g", value);
-        raw(buffer);
-    }
-    void boolean(bool value) { raw(value ? "true" : "false"); }
-    void null() { raw("null"); }
-    void value(const QXValue& value);
-
-    const std::string& text() const { return text_; }
-
-private:
     void raw(std::string_view token)
     {
         separate();
