@@ -167,6 +167,7 @@ void QXVideoTrack::parseH264Extradata(const uint8_t* data, uint32_t size)
             while (start < end && !*(start++)) {} // past the zeros and the one of the start code
             if (start >= end) break;
             const uint8_t* next = avcFindStartCode(start, end);
+            if (next == start) continue; // a start code right after another: no unit between them
             QXData unit(start, next);
             const int type = unit[0] & 31;
             if (type == 7) {
