@@ -254,7 +254,7 @@ void QXAC3AudioTrack::detectAudioServiceType()
     } else if (bsmod <= 6) {
         audio_service_type = bsmod;
     } else if (acmod == 1) {
-        audio_service_type = AV_AUDIO_SERVICE_TYPE_EMERGENCY;
+        audio_service_type = AV_AUDIO_SERVICE_TYPE_VOICE_OVER; // bsmod 7 in mono
     } else if (acmod >= 2) {
         audio_service_type = AV_AUDIO_SERVICE_TYPE_KARAOKE;
     }
