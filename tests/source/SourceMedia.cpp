@@ -2,6 +2,10 @@
 
 #include "support/TestMedia.h"
 
+extern "C" {
+#include <libavformat/avformat.h>
+}
+
 namespace sourcemedia {
 
 namespace {
@@ -109,6 +113,42 @@ std::filesystem::path multiTrackMP4()
                                              "' -map 0:v -map 1:a -map 1:a -map 2 -map 2 "
                                              "-c:v libx264 -preset ultrafast -crf 30 -pix_fmt yuv420p -c:a:0 ac3 "
                                              "-c:a:1 aac -c:s mov_text");
+}
+
+std::filesystem::path ac3(const std::string& layout, const std::string& options)
+{
+    std::string name = "track-ac3-" + layout + (options.empty() ? "" : "-" + options) + ".ac3";
+    for (char& c : name) {
+        if (c == ' ' || c == '+') c = '_';
+    }
+    return qxtest::generate(name, "-f lavfi -i sine=frequency=440:sample_rate=48000:duration=0.5 -af aformat=channel_layouts=" +
+                                      layout + " -c:a ac3 " + options);
+}
+
+std::filesystem::path stereoMatroska(const std::string& mode)
+{
+    return qxtest::generate("track-stereo-" + mode + ".mkv", std::string(kVideo) +
+                                                               "-t 1 -c:v libx264 -preset ultrafast -crf 30 "
+                                                               "-pix_fmt yuv420p -metadata:s:v stereo_mode=" + mode);
+}
+
+OpenedInput::OpenedInput(const std::filesystem::path& path)
+{
+    if (path.empty() || avformat_open_input(&context, path.c_str(), nullptr, nullptr) < 0) {
+        context = nullptr;
+        return;
+    }
+    if (avformat_find_stream_info(context, nullptr) < 0) avformat_close_input(&context);
+}
+
+OpenedInput::~OpenedInput()
+{
+    avformat_close_input(&context);
+}
+
+AVStream* OpenedInput::stream(int index) const
+{
+    return context && index >= 0 && unsigned(index) < context->nb_streams ? context->streams[index] : nullptr;
 }
 
 } // namespace sourcemedia

@@ -4,6 +4,9 @@
 #include <filesystem>
 #include <string>
 
+struct AVFormatContext;
+struct AVStream;
+
 namespace sourcemedia {
 
 // Matroska: H.264, AC-3 5.1 (eng), AAC stereo (fra), SRT (eng), ASS (fra),
@@ -21,5 +24,22 @@ std::filesystem::path coverOnly();
 std::filesystem::path multiTrackMP4();
 
 std::string srtText();
+
+// Raw AC-3 from ffmpeg's encoder in one channel layout ("mono", "FC+LFE",
+// "stereo", "2.1", "5.1"), with extra encoder options if given.
+std::filesystem::path ac3(const std::string& layout, const std::string& options = "");
+// Matroska H.264 with a frame-packed stereo mode ("left_right", "top_bottom").
+std::filesystem::path stereoMatroska(const std::string& mode);
+
+// An input opened and probed with FFmpeg for importing tracks by hand;
+// context is null when the file could not be opened.
+struct OpenedInput {
+    explicit OpenedInput(const std::filesystem::path& path);
+    ~OpenedInput();
+    OpenedInput(const OpenedInput&) = delete;
+    OpenedInput& operator=(const OpenedInput&) = delete;
+    AVFormatContext* context = nullptr;
+    AVStream* stream(int index) const;
+};
 
 } // namespace sourcemedia

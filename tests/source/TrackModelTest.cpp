@@ -1,0 +1,752 @@
+// The track classes on their own: streams imported by hand from generated
+// files (with metadata and side data added where a stock demuxer gives
+// none), hand-made extra data, copies and archives.
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/stereo3d.h>
+}
+
+#include "SourceMedia.h"
+#include "qxmedia/platform/coremedia/CVPixelBuffer.h"
+#include "qxmedia/platform/plist/QXKeyedArchiver.h"
+#include "qxmedia/source/QXAC3AudioTrack.h"
+#include "qxmedia/source/QXSubtitleTrack.h"
+#include "qxmedia/source/QXVideoTrack.h"
+#include "support/TestMedia.h"
+
+using namespace qx;
+using sourcemedia::OpenedInput;
+
+namespace {
+
+// Streams of sourcemedia::matroska().
+constexpr int kVideoStream = 0, kAC3Stream = 1, kAACStream = 2, kSRTStream = 3, kASSStream = 4;
+
+void setMetadata(AVStream* stream, const char* key, const char* value)
+{
+    av_dict_set(&stream->metadata, key, value, 0);
+}
+
+// Adds stream side data the way a demuxer would.
+void addSideData(AVStream* stream, AVPacketSideDataType type, const void* data, size_t size)
+{
+    uint8_t* place = av_stream_new_side_data(stream, type, size);
+    ASSERT_TRUE(place);
+    std::memcpy(place, data, size);
+}
+
+bool endsWith(const std::string& text, const std::string& tail)
+{
+    return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+}
+
+} // namespace
+
+// MARK: Base import and flags
+
+TEST(TrackModel, FlagsAreThreeBitsOfTheHeader)
+{
+    auto track = QXTrack::init();
+    track->setFlags(5);
+    EXPECT_EQ(track->flags(), 5u);
+    EXPECT_TRUE(track->enabled);
+    EXPECT_FALSE(track->in_movie);
+    EXPECT_TRUE(track->in_preview);
+    track->setFlags(0xF8); // no known bit
+    EXPECT_EQ(track->flags(), 0u);
+}
+
+TEST(TrackModel, ImportReadsHeaderKeysAndTheDefaultDisposition)
+{
+    OpenedInput input(sourcemedia::matroska());
+    ASSERT_TRUE(input.context);
+    // The SRT stream is marked default; the container also says flags 2
+    // (in the movie, not enabled): the disposition wins for `enabled`.
+    setMetadata(input.stream(kSRTStream), "flags", "2");
+    setMetadata(input.stream(kSRTStream), "layer", "-1");
+    setMetadata(input.stream(kSRTStream), "alternate_group", "7");
+    auto srt = QXSubtitleTrack::initWithFormatContext(input.context, kSRTStream);
+    ASSERT_TRUE(srt);
+    EXPECT_TRUE(srt->enabled);
+    EXPECT_TRUE(srt->in_movie);
+    EXPECT_EQ(srt->layer, -1);
+    EXPECT_EQ(srt->alternate_group, 7u);
+
+    // Not default: flags 2 leaves it disabled; a zero value changes nothing.
+    setMetadata(input.stream(kASSStream), "flags", "2");
+    setMetadata(input.stream(kASSStream), "alternate_group", "0");
+    auto ass = QXSubtitleTrack::initWithFormatContext(input.context, kASSStream);
+    ASSERT_TRUE(ass);
+    EXPECT_FALSE(ass->enabled);
+    EXPECT_TRUE(ass->in_movie);
+    EXPECT_EQ(ass->alternate_group, 2u) << "subtitles start in group 2";
+}
+
+TEST(TrackModel, ImportNamesLanguagesAndUnknownKeys)
+{
+    OpenedInput input(sourcemedia::matroska());
+    ASSERT_TRUE(input.context);
+    AVStream* stream = input.stream(kAACStream);
+    setMetadata(stream, "title", "Stereo mix");
+    setMetadata(stream, "BPS-eng", "96000");
+    setMetadata(stream, "surprise", "yes");
+    qxtest::LogCapture log;
+    auto aac = QXAudioTrack::initWithFormatContext(input.context, kAACStream);
+    ASSERT_TRUE(aac);
+    EXPECT_EQ(aac->name, "Stereo mix");
+    EXPECT_EQ(aac->language, "fr") << "fra in the file";
+    EXPECT_EQ(aac->trackID, stream->id);
+    EXPECT_EQ(aac->streamIndex, kAACStream);
+    EXPECT_EQ(aac->naturalTimeScale, stream->time_base.den);
+    EXPECT_TRUE(CMTIME_IS_VALID(aac->duration));
+    EXPECT_TRUE(log.contains("unknown metadata item surprise: yes", 4));
+    EXPECT_FALSE(log.contains("unknown metadata item BPS-eng"));
+    EXPECT_FALSE(log.contains("unknown metadata item DURATION")) << "Matroska's own statistics keys are known";
+
+    // A title that is not UTF-8 is ignored; an unknown or empty language keeps "und".
+    setMetadata(stream, "title", "caf\xe9");
+    setMetadata(stream, "language", "");
+    auto untitled = QXAudioTrack::initWithFormatContext(input.context, kAACStream);
+    EXPECT_EQ(untitled->name, "Audio Track");
+    EXPECT_EQ(untitled->language, "und");
+    setMetadata(stream, "language", "qqq");
+    EXPECT_EQ(QXAudioTrack::initWithFormatContext(input.context, kAACStream)->language, "und");
+    EXPECT_EQ(QXTrack::init()->displayLanguage(), "Unknown") << "und has no ISO 639-1 code";
+}
+
+TEST(TrackModel, DescriptionLeavesOutBitRatesBelowOneKilobit)
+{
+    auto track = QXTrack::init();
+    track->codec_id = AV_CODEC_ID_MP3;
+    track->bitrate = 999;
+    EXPECT_EQ(track->displayDescription().find("kbps"), std::string::npos);
+    track->bitrate = 1999;
+    EXPECT_TRUE(endsWith(track->displayDescription(), ", 1kbps"));
+
+    auto audio = QXAudioTrack::init();
+    audio->codec_id = AV_CODEC_ID_AAC;
+    audio->bitrate = 500;
+    audio->channels = 6;
+    audio->naturalTimeScale = 48000;
+    audio->sample_rate = 48000;
+    EXPECT_EQ(audio->displayDescription(), "AAC, 6 ch, 48000Hz");
+    audio->bitrate = 128000;
+    audio->channel_layout = 3;
+    EXPECT_EQ(audio->displayDescription(), "AAC, stereo, 128kbps, 48000Hz");
+    audio->codec_id = AV_CODEC_ID_AC3;
+    EXPECT_EQ(audio->displayDescription(), "Dolby Digital (AC-3), 128kbps, 48000Hz") << "no layout for Dolby";
+
+    EXPECT_EQ(QXTrack::init()->format(), "Unknown");
+    track->codec_id = QXCodecIDFairPlayAudio;
+    EXPECT_EQ(track->format(), "FairPlay Audio");
+    EXPECT_EQ(track->mediaType(), nullptr);
+}
+
+// MARK: Video
+
+TEST(VideoTrack, H264ExtradataInBothForms)
+{
+    auto video = QXVideoTrack::init();
+    const uint8_t sps[] = {0x67, 0x64, 0x00, 0x28, 0xac, 0xd9};
+    const uint8_t pps[] = {0x68, 0xee, 0x3c, 0x80};
+
+    // Annex B with four-byte start codes: units end where the next code begins.
+    QXData annexB = {0, 0, 0, 1};
+    annexB.insert(annexB.end(), std::begin(sps), std::end(sps));
+    annexB.insert(annexB.end(), {0, 0, 0, 1});
+    annexB.insert(annexB.end(), std::begin(pps), std::end(pps));
+    video->parseH264Extradata(annexB.data(), uint32_t(annexB.size()));
+    ASSERT_EQ(video->sps.size(), 1u);
+    ASSERT_EQ(video->pps.size(), 1u);
+    EXPECT_EQ(video->sps[0], QXData(std::begin(sps), std::end(sps)));
+    EXPECT_EQ(video->pps[0], QXData(std::begin(pps), std::end(pps)));
+    EXPECT_EQ(video->profile, 100);
+    EXPECT_EQ(video->profile_compat, 0);
+    EXPECT_EQ(video->level, 40);
+
+    // Three-byte start codes, and an empty unit between two codes.
+    const QXData short3 = {0, 0, 1, 0, 0, 1, 0x67, 0x4d, 0x40, 0x1f, 0x11, 0, 0, 1, 0x68, 0xce};
+    video->parseH264Extradata(short3.data(), uint32_t(short3.size()));
+    ASSERT_EQ(video->sps.size(), 1u);
+    EXPECT_EQ(video->sps[0], QXData({0x67, 0x4d, 0x40, 0x1f, 0x11}));
+    ASSERT_EQ(video->pps.size(), 1u);
+    EXPECT_EQ(video->profile, 77);
+    EXPECT_EQ(video->profile_compat, 0x40);
+    EXPECT_EQ(video->level, 31);
+    const QXData doubled = {0, 0, 0, 1, 0, 0, 0, 1, 0x67, 0x42, 0xc0, 0x1e, 0x22};
+    video->parseH264Extradata(doubled.data(), uint32_t(doubled.size()));
+    ASSERT_EQ(video->sps.size(), 1u);
+    EXPECT_EQ(video->profile, 66);
+
+    // avcC: an SPS list that runs past the end stops the walk.
+    const QXData truncated = {1, 0x64, 0, 0x29, 0xff, 0xe2, 0, 3, 0x67, 0x64, 0, 0, 9, 0x67};
+    video->parseH264Extradata(truncated.data(), uint32_t(truncated.size()));
+    EXPECT_EQ(video->profile, 100);
+    EXPECT_EQ(video->level, 41);
+    ASSERT_EQ(video->sps.size(), 1u);
+    EXPECT_EQ(video->sps[0], QXData({0x67, 0x64, 0}));
+    EXPECT_TRUE(video->pps.empty());
+
+    // Exactly six bytes is an avcC header without parameter sets; fewer is refused.
+    const QXData header = {1, 0x58, 0xa0, 0x1e, 0xff, 0xe0};
+    qxtest::LogCapture log;
+    video->parseH264Extradata(header.data(), uint32_t(header.size()));
+    EXPECT_EQ(video->profile, 0x58);
+    EXPECT_EQ(video->level, 30);
+    EXPECT_TRUE(video->sps.empty());
+    EXPECT_FALSE(log.contains("Extradata too short"));
+    video->parseH264Extradata(header.data(), 5);
+    EXPECT_TRUE(log.contains("Extradata too short: 5", 2));
+    EXPECT_TRUE(log.contains("<0158a01e ff>", 4));
+    EXPECT_EQ(video->profile, 0x58) << "a short record changes nothing";
+    log.clear();
+    video->parseH264Extradata(nullptr, 0);
+    EXPECT_TRUE(log.contains("Extradata too short: 0", 2));
+    EXPECT_EQ(log.lines().size(), 1u) << "no bytes to show";
+}
+
+TEST(VideoTrack, H264FromAnMP4HasItsParameterSets)
+{
+    OpenedInput input(sourcemedia::multiTrackMP4());
+    ASSERT_TRUE(input.context);
+    auto video = QXVideoTrack::initWithFormatContext(input.context, 0);
+    ASSERT_TRUE(video);
+    ASSERT_EQ(video->sps.size(), 1u);
+    ASSERT_EQ(video->pps.size(), 1u);
+    EXPECT_EQ(video->sps[0][0] & 31, 7);
+    EXPECT_EQ(video->pps[0][0] & 31, 8);
+    EXPECT_EQ(video->profile, input.stream(0)->codecpar->profile & 0xff) << "without the constraint flags";
+    EXPECT_EQ(video->level, input.stream(0)->codecpar->level);
+    EXPECT_EQ(video->width, 320u);
+    EXPECT_EQ(video->nominalFrameRate(), 25.f);
+    EXPECT_TRUE(video->isMuxable());
+}
+
+TEST(VideoTrack, LevelAndProfileInTheDescription)
+{
+    auto video = QXVideoTrack::init();
+    video->codec_id = AV_CODEC_ID_H264;
+    video->profile = 100;
+    const std::pair<uint8_t, const char*> levels[] = {
+        {40, "H.264 (High@4)"}, {41, "H.264 (High@4.1)"}, {13, "H.264 (High@1.3)"},
+        {63, "H.264 (High@unknown level 3f)"}, {9, "H.264 (High@unknown level 9)"}};
+    for (const auto& [level, text] : levels) {
+        video->level = level;
+        EXPECT_EQ(video->displayDescription(), text);
+    }
+    video->level = 0;
+    EXPECT_EQ(video->displayDescription(), "H.264");
+
+    video->level = 31;
+    video->width = 1920;
+    video->height = 1080;
+    video->frameRate = {30000, 1001};
+    EXPECT_EQ(video->displayDescription(), "H.264 (High@3.1), 1920x1080") << "no frame rate without a duration";
+    video->duration = CMTimeMake(6000, 1000);
+    video->bitrate = 2500000;
+    EXPECT_TRUE(endsWith(video->displayDescription(), ", 2500kbps, 1920x1080@29.970fps"));
+
+    video->codec_id = AV_CODEC_ID_HEVC;
+    video->profile = 2;
+    video->duration = kCMTimeInvalid;
+    video->bitrate = 0;
+    EXPECT_EQ(video->displayDescription(), "HEVC (Main 10), 1920x1080");
+}
+
+TEST(VideoTrack, WhatCanBeCopied)
+{
+    auto video = QXVideoTrack::init();
+    video->codec_id = AV_CODEC_ID_H264;
+    video->profile = 100;
+    EXPECT_TRUE(video->isMuxable());
+    video->profile = 110;
+    EXPECT_FALSE(video->isMuxable()) << "High 10";
+    video->profile = 77;
+    video->formatFlags = AVFMT_TS_DISCONT;
+    EXPECT_FALSE(video->isMuxable()) << "timestamps of a transport stream may jump";
+    video->codec_id = AV_CODEC_ID_HEVC;
+    EXPECT_FALSE(video->isMuxable());
+    video->formatFlags = AVFMT_GENERIC_INDEX;
+    EXPECT_TRUE(video->isMuxable());
+    video->codec_id = AV_CODEC_ID_MPEG2VIDEO;
+    EXPECT_FALSE(video->isMuxable());
+
+    video->codec_id = AV_CODEC_ID_MJPEG;
+    video->layer = 1;
+    video->enabled = false;
+    EXPECT_TRUE(video->isChapterImageTrack());
+    video->layer = 0;
+    EXPECT_FALSE(video->isChapterImageTrack());
+}
+
+TEST(VideoTrack, ColourConstants)
+{
+    auto video = QXVideoTrack::init();
+    qxtest::LogCapture log;
+    EXPECT_EQ(video->YCbCrMatrix(), nullptr);
+    EXPECT_EQ(video->transferFunction(), nullptr);
+    EXPECT_EQ(video->colorPrimaries(), nullptr);
+    EXPECT_TRUE(log.lines().empty()) << "2 is unspecified and needs no warning";
+
+    video->matrixIndex = 6;
+    video->transferFunctionIndex = 8;
+    video->primariesIndex = 22;
+    EXPECT_STREQ(video->YCbCrMatrix(), kCVImageBufferYCbCrMatrix_ITU_R_601_4);
+    EXPECT_STREQ(video->transferFunction(), kCVImageBufferTransferFunction_Linear);
+    EXPECT_STREQ(video->colorPrimaries(), kCVImageBufferColorPrimaries_P22);
+    video->transferFunctionIndex = 18;
+    EXPECT_STREQ(video->transferFunction(), kCVImageBufferTransferFunction_ITU_R_2100_HLG);
+
+    video->matrixIndex = 0;
+    video->transferFunctionIndex = 10;
+    video->primariesIndex = 10;
+    EXPECT_EQ(video->YCbCrMatrix(), nullptr);
+    EXPECT_EQ(video->transferFunction(), nullptr);
+    EXPECT_EQ(video->colorPrimaries(), nullptr);
+    EXPECT_TRUE(log.contains("Color space gbr is not supported.", 2));
+    EXPECT_TRUE(log.contains("Transfer function log316 is not supported.", 2));
+    EXPECT_TRUE(log.contains("Color primaries smpte428 is not supported.", 2));
+}
+
+TEST(VideoTrack, FramePackedStereoHalvesOneAxis)
+{
+    for (const auto& [mode, h, v] : {std::tuple {"left_right", 1u, 2u}, std::tuple {"top_bottom", 2u, 1u}}) {
+        OpenedInput input(sourcemedia::stereoMatroska(mode));
+        ASSERT_TRUE(input.context) << mode;
+        auto video = QXVideoTrack::initWithFormatContext(input.context, 0);
+        ASSERT_TRUE(video);
+        EXPECT_EQ(video->hSpacing, h) << mode;
+        EXPECT_EQ(video->vSpacing, v) << mode;
+        EXPECT_FLOAT_EQ(video->display_width, 320.f * float(h) / float(v)) << mode;
+        EXPECT_FLOAT_EQ(video->display_height, 180.f) << mode;
+    }
+
+    // Column and line interleaving, by hand; a stream of unknown aspect
+    // stays 1:1 whatever the packing.
+    OpenedInput input(sourcemedia::multiTrackMP4());
+    ASSERT_TRUE(input.context);
+    AVStream* stream = input.stream(0);
+    AVStereo3D packing {};
+    packing.type = AV_STEREO3D_COLUMNS;
+    addSideData(stream, AV_PKT_DATA_STEREO3D, &packing, sizeof packing);
+    stream->sample_aspect_ratio = {4, 3};
+    auto columns = QXVideoTrack::initWithFormatContext(input.context, 0);
+    EXPECT_EQ(columns->hSpacing, 2u);
+    EXPECT_EQ(columns->vSpacing, 3u);
+    stream->sample_aspect_ratio = {0, 1};
+    stream->codecpar->sample_aspect_ratio = {0, 1};
+    auto unknown = QXVideoTrack::initWithFormatContext(input.context, 0);
+    EXPECT_EQ(unknown->hSpacing, 1u);
+    EXPECT_EQ(unknown->vSpacing, 1u);
+    EXPECT_FLOAT_EQ(unknown->display_width, 320.f);
+}
+
+TEST(VideoTrack, DisplayMatrixBecomesTheTransform)
+{
+    OpenedInput input(sourcemedia::multiTrackMP4());
+    ASSERT_TRUE(input.context);
+    // A 90-degree rotation moved right by 180: [0 1; -1 0], tx 180.
+    int32_t matrix[9] = {0, 1 << 16, 0, -(1 << 16), 0, 0, 180 << 16, 0, 1 << 30};
+    uint8_t bytes[36];
+    for (int i = 0; i < 9; ++i) {
+        const auto word = uint32_t(matrix[i]);
+        bytes[4 * i] = uint8_t(word >> 24);
+        bytes[4 * i + 1] = uint8_t(word >> 16);
+        bytes[4 * i + 2] = uint8_t(word >> 8);
+        bytes[4 * i + 3] = uint8_t(word);
+    }
+    addSideData(input.stream(0), AV_PKT_DATA_DISPLAYMATRIX, bytes, sizeof bytes);
+    auto video = QXVideoTrack::initWithFormatContext(input.context, 0);
+    ASSERT_TRUE(video);
+    EXPECT_EQ(video->transform, (QXAffineTransform {0, 1, 65535, 0, 180, 0})) << "-1 comes out as its 16-bit pattern";
+}
+
+// MARK: Audio
+
+TEST(AudioTrack, VolumeAndServiceTypeFromTheStream)
+{
+    OpenedInput input(sourcemedia::matroska());
+    ASSERT_TRUE(input.context);
+    AVStream* stream = input.stream(kAACStream);
+    setMetadata(stream, "volume", "128");
+    setMetadata(stream, "title", "Director's COMMENTARY with karaoke");
+    auto aac = QXAudioTrack::initWithFormatContext(input.context, kAACStream);
+    ASSERT_TRUE(aac);
+    EXPECT_FLOAT_EQ(aac->volume, 0.5f);
+    EXPECT_EQ(aac->audio_service_type, AV_AUDIO_SERVICE_TYPE_COMMENTARY) << "commentary is looked for first";
+    EXPECT_EQ(aac->channels, 2);
+    EXPECT_EQ(aac->channel_layout, uint64_t(AV_CH_LAYOUT_STEREO));
+    EXPECT_EQ(aac->sample_rate, 48000u);
+    EXPECT_EQ(aac->samples_per_frame, 1024u);
+    EXPECT_EQ(aac->alternate_group, 1u);
+    EXPECT_TRUE(aac->isMuxable());
+
+    setMetadata(stream, "volume", "0");
+    setMetadata(stream, "title", "Karaoke");
+    auto karaoke = QXAudioTrack::initWithFormatContext(input.context, kAACStream);
+    EXPECT_FLOAT_EQ(karaoke->volume, 1.0f);
+    EXPECT_EQ(karaoke->audio_service_type, AV_AUDIO_SERVICE_TYPE_KARAOKE);
+
+    // Side data of type 7 overrides the name; a short one is refused.
+    setMetadata(stream, "title", "Commentary");
+    const int32_t mainService = AV_AUDIO_SERVICE_TYPE_MAIN;
+    addSideData(stream, AV_PKT_DATA_AUDIO_SERVICE_TYPE, &mainService, sizeof mainService);
+    EXPECT_EQ(QXAudioTrack::initWithFormatContext(input.context, kAACStream)->audio_service_type, 0);
+
+    OpenedInput other(sourcemedia::matroska());
+    ASSERT_TRUE(other.context);
+    setMetadata(other.stream(kAACStream), "title", "Commentary");
+    const uint8_t two[2] = {0, 0};
+    addSideData(other.stream(kAACStream), AV_PKT_DATA_AUDIO_SERVICE_TYPE, two, sizeof two);
+    qxtest::LogCapture log;
+    EXPECT_EQ(QXAudioTrack::initWithFormatContext(other.context, kAACStream)->audio_service_type, 5);
+    EXPECT_TRUE(log.contains("Invalid data!", 2));
+}
+
+TEST(AudioTrack, WhatCanBeCopied)
+{
+    auto audio = QXAudioTrack::init();
+    audio->codec_id = AV_CODEC_ID_AAC;
+    audio->channels = 2;
+    audio->sample_rate = 48000;
+    audio->extradata = {0x11, 0x90};
+    EXPECT_TRUE(audio->isMuxable());
+    audio->channels = 6;
+    EXPECT_FALSE(audio->isMuxable()) << "surround AAC is encoded";
+    audio->channels = 1;
+    audio->sample_rate = 96000;
+    EXPECT_FALSE(audio->isMuxable());
+    audio->sample_rate = 44100;
+    audio->extradata.clear();
+    EXPECT_FALSE(audio->isMuxable()) << "no decoder configuration";
+    audio->extradata = {0x12, 0x10};
+    audio->codec_id = AV_CODEC_ID_MP3;
+    EXPECT_FALSE(audio->isMuxable());
+    EXPECT_TRUE(audio->isEncodable());
+    audio->sample_rate = 0;
+    EXPECT_FALSE(audio->isEncodable());
+    EXPECT_TRUE(QXAC3AudioTrack::init()->isMuxable());
+    EXPECT_TRUE(QXEAC3AudioTrack::init()->isMuxable());
+}
+
+// MARK: Dolby analysis
+
+TEST(AC3Track, HeaderFieldsForEachChannelMode)
+{
+    struct Case {
+        const char* layout;
+        const char* options;
+        uint8_t acmod, lfeon;
+    };
+    // Each layout puts lfeon at another bit of byte 6; the neighbouring
+    // fields (dsurmod, cmixlev, surmixlev) hold ones that a wrong position would read.
+    const Case cases[] = {
+        {"mono", "", 1, 0}, {"FC+LFE", "", 1, 1}, {"stereo", "-dsur_mode on", 2, 0}, {"2.1", "", 2, 1},
+        {"5.1", "", 7, 1}, {"5.0", "", 7, 0}};
+    for (const Case& c : cases) {
+        OpenedInput input(sourcemedia::ac3(c.layout, c.options));
+        ASSERT_TRUE(input.context) << c.layout;
+        auto ac3 = QXAC3AudioTrack::initWithFormatContext(input.context, 0);
+        ASSERT_TRUE(ac3) << c.layout;
+        EXPECT_EQ(ac3->acmod, c.acmod) << c.layout;
+        EXPECT_EQ(ac3->lfeon, c.lfeon) << c.layout;
+        EXPECT_EQ(ac3->fscod, 0) << c.layout;
+        EXPECT_EQ(ac3->bsid, 8) << c.layout;
+        EXPECT_EQ(ac3->bsmod, 0) << c.layout;
+        EXPECT_EQ(ac3->audio_service_type, 0) << c.layout;
+        // The bit rate code is the rate's index in A/52's table, whatever ffmpeg chose.
+        static const int rates[] = {32, 40, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384, 448, 512, 576, 640};
+        ASSERT_LT(ac3->bit_rate_code, 19) << c.layout;
+        EXPECT_EQ(rates[ac3->bit_rate_code] * 1000, input.stream(0)->codecpar->bit_rate) << c.layout;
+        EXPECT_EQ(ac3->displayDescription().rfind("Dolby Digital (AC-3)", 0), 0u);
+    }
+}
+
+TEST(AC3Track, ServiceTypeFromTheBitStreamMode)
+{
+    // bsmod 7 is voice-over in mono and karaoke otherwise.
+    for (const auto& [layout, service, expected] :
+         {std::tuple {"mono", "vo", AV_AUDIO_SERVICE_TYPE_VOICE_OVER},
+          std::tuple {"stereo", "ka", AV_AUDIO_SERVICE_TYPE_KARAOKE}}) {
+        OpenedInput input(sourcemedia::ac3(layout, std::string("-audio_service_type ") + service));
+        ASSERT_TRUE(input.context);
+        auto ac3 = QXAC3AudioTrack::initWithFormatContext(input.context, 0);
+        ASSERT_TRUE(ac3);
+        EXPECT_EQ(ac3->bsmod, 7) << layout;
+        EXPECT_EQ(ac3->audio_service_type, expected) << layout;
+    }
+    OpenedInput input(sourcemedia::ac3("stereo", "-audio_service_type hi"));
+    ASSERT_TRUE(input.context);
+    setMetadata(input.stream(0), "title", "Commentary");
+    auto ac3 = QXAC3AudioTrack::initWithFormatContext(input.context, 0);
+    EXPECT_EQ(ac3->bsmod, 3);
+    EXPECT_EQ(ac3->audio_service_type, AV_AUDIO_SERVICE_TYPE_HEARING_IMPAIRED) << "bsmod before the name";
+}
+
+TEST(EAC3Track, Dec3OfOneIndependentSubstream)
+{
+    OpenedInput input(sourcemedia::hevcEac3());
+    ASSERT_TRUE(input.context);
+    auto eac3 = QXEAC3AudioTrack::initWithFormatContext(input.context, 1);
+    ASSERT_TRUE(eac3);
+    ASSERT_EQ(eac3->dec3Atom.size(), 5u) << "a reserved bit instead of chan_loc";
+    const QXData& d = eac3->dec3Atom;
+    EXPECT_EQ((d[0] << 5) | (d[1] >> 3), 256) << "data_rate in kbit/s";
+    EXPECT_EQ(d[1] & 7, 0) << "num_ind_sub";
+    EXPECT_EQ(d[2] >> 6, 0) << "fscod 48 kHz";
+    EXPECT_EQ((d[2] >> 1) & 31, 16) << "bsid";
+    EXPECT_EQ(d[3] >> 5 & 7, 0) << "bsmod";
+    EXPECT_EQ((d[3] >> 1) & 7, 7) << "acmod 3/2";
+    EXPECT_EQ(d[3] & 1, 1) << "lfeon";
+    EXPECT_EQ(d[4], 0) << "no dependent substreams, reserved bit";
+    EXPECT_EQ(eac3->extension_type, 0);
+}
+
+// MARK: Subtitles
+
+TEST(SubtitleTrack, Tx3gDescriptionNeedsThirtyBytes)
+{
+    const QXData description = {0x20, 0x00, 0x00, 0x01, // display flags
+                                0x01, 0xff,             // justification
+                                1,    2,    3,    4,    // background
+                                0x00, 0x10, 0x00, 0x20, 0x01, 0x00, 0x02, 0x80, // text box
+                                0,    0,    0,    0,    // style characters
+                                0x00, 0x03, 0x01, 0x12, // font id, face, size
+                                9,    8,    7,    6};   // font colour
+    auto subtitle = QXSubtitleTrack::init();
+    qxtest::LogCapture log;
+    subtitle->parseExtradata(description.data(), 29);
+    EXPECT_TRUE(log.contains("Extradata too short. Expecting >= 30, but got 29", 2));
+    EXPECT_EQ(subtitle->displayFlags, 0u);
+    EXPECT_EQ(subtitle->font_size, 24);
+    EXPECT_EQ(subtitle->vertical_justification, 255);
+
+    subtitle->parseExtradata(description.data(), 30);
+    EXPECT_EQ(subtitle->displayFlags, 0x20000001u);
+    EXPECT_TRUE(subtitle->obeySubtitleFormatting());
+    EXPECT_EQ(subtitle->horizontal_justification, 1);
+    EXPECT_EQ(subtitle->vertical_justification, 255);
+    EXPECT_EQ(subtitle->bg_color_red, 1);
+    EXPECT_EQ(subtitle->bg_color_alpha, 4);
+    EXPECT_EQ(subtitle->defTextBoxTop, 0x10);
+    EXPECT_EQ(subtitle->defTextBoxLeft, 0x20);
+    EXPECT_EQ(subtitle->defTextBoxBottom, 0x100);
+    EXPECT_EQ(subtitle->defTextBoxRight, 0x280);
+    EXPECT_EQ(subtitle->font_id, 3);
+    EXPECT_EQ(subtitle->font_size, 0x12);
+    EXPECT_EQ(subtitle->font_color_red, 9);
+    EXPECT_EQ(subtitle->font_color_alpha, 6);
+    EXPECT_TRUE(log.contains("Defaut Text Box: 16 32 256 640", 16));
+}
+
+TEST(SubtitleTrack, ForcedFlagBits)
+{
+    auto subtitle = QXSubtitleTrack::init();
+    subtitle->setForcedFlag(0);
+    EXPECT_EQ(subtitle->displayFlags, 0u);
+    subtitle->setObeySubtitleFormatting(true);
+    subtitle->setForcedFlag(QXSubtitleAllSamplesForced);
+    EXPECT_EQ(subtitle->displayFlags, 0xE0000000u) << "all forced sets both bits";
+    EXPECT_EQ(subtitle->forcedFlag(), QXSubtitleAllSamplesForced);
+    subtitle->setForcedFlag(QXSubtitleSomeSamplesForced);
+    EXPECT_EQ(subtitle->displayFlags, 0x60000000u);
+    EXPECT_EQ(subtitle->forcedFlag(), QXSubtitleSomeSamplesForced);
+    subtitle->setForcedFlag(0x12345);
+    EXPECT_EQ(subtitle->displayFlags, 0x20000000u) << "anything else clears both";
+    subtitle->setObeySubtitleFormatting(false);
+    EXPECT_EQ(subtitle->displayFlags, 0u);
+}
+
+TEST(SubtitleTrack, ImportMarksForcedStreamsAndRenamesThem)
+{
+    OpenedInput input(sourcemedia::matroska());
+    ASSERT_TRUE(input.context);
+    setMetadata(input.stream(kSRTStream), "title", "English FORCED");
+    input.stream(kASSStream)->disposition |= AV_DISPOSITION_FORCED;
+    auto srt = QXSubtitleTrack::initWithFormatContext(input.context, kSRTStream);
+    auto ass = QXBitmapSubtitleTrack::initWithFormatContext(input.context, kASSStream);
+    ASSERT_TRUE(srt && ass);
+    EXPECT_EQ(srt->forcedFlag(), QXSubtitleAllSamplesForced);
+    EXPECT_EQ(srt->name, "Subtitle Track");
+    EXPECT_EQ(srt->offset, 0);
+    EXPECT_EQ(ass->forcedFlag, QXSubtitleAllSamplesForced);
+    EXPECT_EQ(srt->codec_id, AV_CODEC_ID_SUBRIP);
+    EXPECT_FALSE(srt->isMuxable());
+    EXPECT_TRUE(srt->isEncodable());
+}
+
+TEST(SubtitleTrack, WhatCanBeCopiedOrConverted)
+{
+    auto text = QXSubtitleTrack::init();
+    EXPECT_TRUE(text->isMuxable()) << "a new track is tx3g";
+    text->codec_id = AV_CODEC_ID_ASS;
+    EXPECT_FALSE(text->isMuxable());
+    EXPECT_TRUE(text->isEncodable());
+    text->codec_id = AV_CODEC_ID_HDMV_PGS_SUBTITLE;
+    EXPECT_FALSE(text->isEncodable()) << "bitmaps are not text";
+    text->codec_id = 0x7fffffff;
+    EXPECT_FALSE(text->isEncodable()) << "no descriptor";
+
+    auto bitmap = QXBitmapSubtitleTrack::init();
+    bitmap->codec_id = AV_CODEC_ID_DVD_SUBTITLE;
+    EXPECT_FALSE(bitmap->isMuxable());
+    EXPECT_TRUE(bitmap->isEncodable()) << "through text recognition";
+    EXPECT_FALSE(bitmap->obeySubtitleFormatting());
+    EXPECT_EQ(bitmap->alternate_group, 2u);
+    EXPECT_FALSE(bitmap->enabled);
+}
+
+TEST(SubtitleTrack, FittedToA1080LinePicture)
+{
+    auto video = QXVideoTrack::init();
+    video->width = 1920;
+    video->height = 1080;
+    video->transform = {0, 1, 65535, 0, 1080, 0};
+    auto subtitle = QXSubtitleTrack::init();
+    subtitle->defTextBoxTop = 5;
+    subtitle->adjustForVideoTrack(*video);
+    EXPECT_EQ(subtitle->width, 1920u);
+    EXPECT_EQ(subtitle->height, 162u);
+    EXPECT_EQ(subtitle->transform, (QXAffineTransform {0, 1, 65535, 0, 0, 918})) << "the video's, moved down";
+    EXPECT_EQ(subtitle->defTextBoxTop, 0);
+
+    subtitle->setObeySubtitleFormatting(true);
+    subtitle->adjustForVideoTrack(*video);
+    EXPECT_EQ(subtitle->width, 1920u);
+    EXPECT_EQ(subtitle->height, 1080u);
+    EXPECT_EQ(subtitle->defTextBoxTop, 918);
+    EXPECT_EQ(subtitle->defTextBoxLeft, 0);
+    EXPECT_EQ(subtitle->defTextBoxBottom, 1080);
+    EXPECT_EQ(subtitle->defTextBoxRight, 1920);
+    EXPECT_EQ(subtitle->transform, QXAffineTransform {});
+}
+
+// MARK: Copies and archives
+
+TEST(TrackCopies, CopyingKeepsWhatTheTargetClassHas)
+{
+    auto ac3 = QXAC3AudioTrack::init();
+    ac3->codec_id = AV_CODEC_ID_AC3;
+    ac3->trackID = 4;
+    ac3->streamIndex = 3;
+    ac3->channels = 6;
+    ac3->sample_rate = 48000;
+    ac3->channel_layout = AV_CH_LAYOUT_5POINT1;
+    ac3->acmod = 7;
+    ac3->volume = 0.25f;
+    ac3->extradata = {1, 2, 3};
+    ac3->name = "Surround";
+
+    auto audio = QXAudioTrack::initWithTrack(*ac3);
+    EXPECT_EQ(audio->className(), "QXAudioTrack");
+    EXPECT_EQ(audio->channels, 6);
+    EXPECT_EQ(audio->sample_rate, 48000u);
+    EXPECT_EQ(audio->channel_layout, uint64_t(AV_CH_LAYOUT_5POINT1));
+    EXPECT_FLOAT_EQ(audio->volume, 0.25f);
+    EXPECT_EQ(audio->name, "Surround");
+    EXPECT_EQ(audio->extradata, ac3->extradata);
+    EXPECT_EQ(audio->trackID, 0) << "identity is not copied";
+    EXPECT_EQ(audio->streamIndex, INT32_MIN);
+
+    auto back = std::dynamic_pointer_cast<QXAC3AudioTrack>(ac3->copy());
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->acmod, 7);
+    auto fromPlainAudio = QXAC3AudioTrack::initWithTrack(*audio);
+    EXPECT_EQ(fromPlainAudio->acmod, 0);
+    EXPECT_EQ(fromPlainAudio->channels, 6);
+
+    auto video = QXVideoTrack::init();
+    video->codec_id = AV_CODEC_ID_H264;
+    video->width = 1280;
+    video->hSpacing = 4;
+    video->sps = {{0x67, 1}};
+    video->brokenByMS = true;
+    video->formatFlags = AVFMT_TS_DISCONT;
+    video->encoderCRF = 20;
+    auto videoCopy = QXVideoTrack::initWithTrack(*video);
+    EXPECT_EQ(videoCopy->width, 1280u);
+    EXPECT_EQ(videoCopy->hSpacing, 4u);
+    EXPECT_EQ(videoCopy->sps, video->sps);
+    EXPECT_FALSE(videoCopy->brokenByMS);
+    EXPECT_EQ(videoCopy->formatFlags, 0) << "a copy is not bound to the source's demuxer";
+    EXPECT_EQ(videoCopy->encoderCRF, 0);
+
+    auto subtitle = QXSubtitleTrack::init();
+    subtitle->font_size = 40;
+    subtitle->setForcedFlag(QXSubtitleSomeSamplesForced);
+    subtitle->forced_track = QXSubtitleTrack::init();
+    auto subtitleCopy = QXSubtitleTrack::initWithTrack(*subtitle);
+    EXPECT_EQ(subtitleCopy->font_size, 40);
+    EXPECT_EQ(subtitleCopy->forcedFlag(), QXSubtitleSomeSamplesForced);
+    EXPECT_EQ(subtitleCopy->forced_track, subtitle->forced_track);
+    auto fromBitmap = QXSubtitleTrack::initWithTrack(*QXBitmapSubtitleTrack::init());
+    EXPECT_EQ(fromBitmap->font_size, 24);
+}
+
+TEST(TrackCopies, ArchivesKeepTheBaseFieldsOfEveryClass)
+{
+    std::vector<QXTrackRef> tracks = {QXTrack::init(),          QXVideoTrack::init(),        QXAudioTrack::init(),
+                                      QXAC3AudioTrack::init(),  QXEAC3AudioTrack::init(),    QXSubtitleTrack::init(),
+                                      QXBitmapSubtitleTrack::init()};
+    for (const QXTrackRef& track : tracks) {
+        const std::string name = track->className();
+        track->streamIndex = 2;
+        track->trackID = 3;
+        track->sourceURL = "/movies/film.mkv";
+        track->codec_id = AV_CODEC_ID_AAC;
+        track->name = "Piste";
+        track->language = "fr";
+        track->setFlags(6);
+        track->layer = -1;
+        track->alternate_group = 5;
+        track->offset = -1024;
+        track->duration = CMTimeMake(48000, 1000);
+        track->naturalTimeScale = 48000;
+        track->bitrate = 3000000000u;
+        track->extradata = {0x11, 0x90};
+        if (auto audio = std::dynamic_pointer_cast<QXAudioTrack>(track)) audio->channels = 2;
+        if (auto video = std::dynamic_pointer_cast<QXVideoTrack>(track)) video->hSpacing = 4;
+        if (auto subtitle = std::dynamic_pointer_cast<QXSubtitleTrack>(track)) subtitle->font_size = 40;
+        if (auto ac3 = std::dynamic_pointer_cast<QXAC3AudioTrack>(track)) ac3->acmod = 7;
+
+        const auto data = QXKeyedArchiver::archivedDataWithRootObject(*track);
+        ASSERT_TRUE(data) << name;
+        auto decoded = QXKeyedUnarchiver::unarchivedObjectOfClass<QXTrack>(*data);
+        ASSERT_TRUE(decoded) << name;
+        EXPECT_EQ(decoded->className(), name);
+        EXPECT_EQ(decoded->streamIndex, 2) << name;
+        EXPECT_EQ(decoded->trackID, 3) << name;
+        EXPECT_EQ(decoded->sourceURL, QXURL("/movies/film.mkv")) << name;
+        EXPECT_EQ(decoded->codec_id, AV_CODEC_ID_AAC) << name;
+        EXPECT_EQ(decoded->name, "Piste") << name;
+        EXPECT_EQ(decoded->language, "fr") << name;
+        EXPECT_EQ(decoded->flags(), 6u) << name;
+        EXPECT_EQ(decoded->layer, -1) << name;
+        EXPECT_EQ(decoded->alternate_group, 5u) << name;
+        EXPECT_EQ(decoded->offset, -1024) << name;
+        EXPECT_EQ(CMTimeCompare(decoded->duration, track->duration), 0) << name;
+        EXPECT_EQ(decoded->naturalTimeScale, 48000) << name;
+        EXPECT_EQ(decoded->bitrate, 3000000000u) << name;
+        EXPECT_EQ(decoded->extradata, track->extradata) << name;
+        EXPECT_TRUE(decoded->source.expired());
+        // Only the base keys travel.
+        if (auto audio = std::dynamic_pointer_cast<QXAudioTrack>(decoded)) {
+            EXPECT_EQ(audio->channels, 0) << name;
+        }
+        if (auto video = std::dynamic_pointer_cast<QXVideoTrack>(decoded)) {
+            EXPECT_EQ(video->hSpacing, 1u);
+        }
+        if (auto subtitle = std::dynamic_pointer_cast<QXSubtitleTrack>(decoded)) {
+            EXPECT_EQ(subtitle->font_size, 24);
+        }
+        if (auto ac3 = std::dynamic_pointer_cast<QXAC3AudioTrack>(decoded)) {
+            EXPECT_EQ(ac3->acmod, 0);
+        }
+    }
+}
