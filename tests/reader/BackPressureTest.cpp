@@ -1,0 +1,176 @@
+// The bounded queues between the read loop and the channels: a track's
+// fan-out, an output's two semaphores, and the channel's pump.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "ReaderSupport.h"
+#include "qxmedia/muxer/QXMuxerInputProtocol.h"
+#include "qxmedia/reader/QXSampleBufferChannel.h"
+#include "qxmedia/source/QXAudioTrack.h"
+
+using namespace qx;
+using namespace readertest;
+
+namespace {
+
+// Calls outputSample of the track for `total` samples on a thread of its
+// own, counting the calls that returned.
+class Feeder {
+public:
+    Feeder(QXTrackRef track, int total) : track_(std::move(track))
+    {
+        thread_ = std::thread([this, total] {
+            for (int k = 0; k < total; ++k) {
+                track_->outputSample(makeSample(k, k));
+                ++fed;
+            }
+            track_->outputSample(nullptr);
+        });
+    }
+    ~Feeder() { thread_.join(); }
+    std::atomic<size_t> fed {0};
+
+private:
+    QXTrackRef track_;
+    std::thread thread_;
+};
+
+// The end of a channel, counting what arrives.
+class CountingInput : public QXMuxerInputProtocol {
+public:
+    bool isReadyForMoreMediaData() const override { return true; }
+    void requestMediaDataWhenReadyOnQueue(dispatch_queue_t queue, std::function<void()> block) override
+    {
+        dispatch_async(queue, std::move(block));
+    }
+    bool appendSampleBuffer(const CMSampleBufferRef& sample) override
+    {
+        processSample(sample);
+        return true;
+    }
+    void processSample(const CMSampleBufferRef& sample) override
+    {
+        if (sample) {
+            if (CMSampleBufferGetDecodeTimeStamp(sample).value != int64_t(samples)) outOfOrder = true;
+            ++samples;
+        } else {
+            ++ends;
+        }
+    }
+    void markAsFinished() override { ++finishes; }
+
+    std::atomic<size_t> samples {0};
+    std::atomic<int> ends {0};
+    std::atomic<int> finishes {0};
+    std::atomic<bool> outOfOrder {false};
+};
+
+void clearOutputs(const QXTrackRef& track)
+{
+    dispatch_sync(track->outQueue, [] {});
+    track->outputs.clear();
+}
+
+} // namespace
+
+TEST(BackPressure, StalledOutputStallsItsSiblingAfter256)
+{
+    auto track = QXAudioTrack::init();
+    auto stalled = RecordingOutput::attach(track, false);
+    auto sibling = RecordingOutput::attach(track);
+    const int total = 2000;
+    {
+        Feeder feeder(track, total);
+        // The stalled output takes 256 (one in processSample, 255 waiting)
+        // and the fan-out blocks on the 257th; 256 more wait for the fan-out.
+        EXPECT_TRUE(waitUntil([&] { return sibling->count() >= 256 && feeder.fed >= 512; }));
+        EXPECT_EQ(waitUntilSteady([&] { return sibling->count() + feeder.fed; }), 256u + 512u);
+        EXPECT_EQ(sibling->count(), 256u);
+        EXPECT_EQ(feeder.fed, 512u);
+        EXPECT_EQ(stalled->count(), 0u);
+
+        stalled->open();
+        EXPECT_TRUE(stalled->waitForEnd());
+        EXPECT_TRUE(sibling->waitForEnd());
+    }
+    for (const auto& output : {stalled, sibling}) {
+        const auto samples = output->received();
+        ASSERT_EQ(samples.size(), size_t(total));
+        for (int k = 0; k < total; ++k) ASSERT_EQ(dts(samples[size_t(k)]).value, k) << "order lost at " << k;
+    }
+    clearOutputs(track);
+}
+
+TEST(BackPressure, UndrainedOutputHoldsAtMost256FinishedAnd256WaitingSamples)
+{
+    auto track = QXAudioTrack::init();
+    auto output = QXTrackReaderOutput::initWithSource(track);
+    track->addOutput(output);
+    const int total = 1500;
+    Feeder feeder(track, total);
+    // 256 finished, 256 taken for processSample (one of them inside it,
+    // waiting for room), 256 in the track's fan-out (one of them inside it).
+    EXPECT_EQ(waitUntilSteady([&] { return size_t(feeder.fed); }), 3 * 256u);
+
+    for (int k = 0; k < total; ++k) {
+        CMSampleBufferRef sample = output->copyNextSample();
+        ASSERT_TRUE(sample);
+        ASSERT_EQ(dts(sample).value, k);
+    }
+    EXPECT_FALSE(output->copyNextSample());
+    EXPECT_TRUE(output->finished());
+    // After the end the answer is null at once, however often asked.
+    for (int k = 0; k < 5; ++k) EXPECT_FALSE(output->copyNextSample());
+    clearOutputs(track);
+}
+
+TEST(BackPressure, ChannelPumpsEverySampleInOrderAndCompletesOnce)
+{
+    auto track = QXAudioTrack::init();
+    auto output = QXTrackReaderOutput::initWithSource(track);
+    track->addOutput(output);
+    auto input = std::make_shared<CountingInput>();
+    auto channel = QXSampleBufferChannel::initWithReaderOutput(output, input);
+    std::atomic<int> completions {0};
+    auto done = dispatch_semaphore_create(0);
+    channel->startWithDelegate(nullptr, [&] {
+        ++completions;
+        dispatch_semaphore_signal(done);
+    });
+    const int total = 3000;
+    {
+        Feeder feeder(track, total);
+    }
+    ASSERT_EQ(dispatch_semaphore_wait(done, dispatch_time(DISPATCH_TIME_NOW, 60 * NSEC_PER_SEC)), 0);
+    EXPECT_EQ(input->samples, size_t(total));
+    EXPECT_FALSE(input->outOfOrder);
+    EXPECT_EQ(input->ends, 1);
+    EXPECT_EQ(input->finishes, 1);
+
+    // A cancel after the natural end calls nothing again.
+    channel->cancel();
+    dispatch_sync(channel->serializationQueue, [] {});
+    EXPECT_EQ(completions, 1);
+    EXPECT_EQ(input->finishes, 1);
+    clearOutputs(track);
+}
+
+TEST(BackPressure, CancelledChannelCompletesWithoutTheEnd)
+{
+    auto track = QXAudioTrack::init();
+    auto output = QXTrackReaderOutput::initWithSource(track);
+    auto input = std::make_shared<CountingInput>();
+    auto channel = QXSampleBufferChannel::initWithReaderOutput(output, input);
+    std::atomic<int> completions {0};
+    // The pump waits in copyNextSample; the cancels queue behind it.
+    channel->startWithDelegate(nullptr, [&] { ++completions; });
+    channel->cancel();
+    channel->cancel();
+    output->outputSample(nullptr);
+    EXPECT_TRUE(waitUntil([&] { return completions == 1 && input->finishes == 1; }));
+    dispatch_sync(channel->serializationQueue, [] {});
+    EXPECT_EQ(completions, 1);
+}
