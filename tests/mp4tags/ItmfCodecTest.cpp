@@ -292,3 +292,36 @@ TEST(MP4ItmfCodec, CodesAsText)
     EXPECT_EQ(MP4TagFieldForCode("\xa9" "day")->code, std::string("\xa9" "day"));
     EXPECT_EQ(MP4TagFieldForCode("nope"), nullptr);
 }
+
+TEST(MP4ItmfCodec, MutatedInputIsReadSafelyAndWrittenBackAsItWas)
+{
+    MP4ItmfItemList items;
+    MP4TagsStore(fullTags(), items);
+    items.push_back(MP4ItmfItemAlloc("com.apple.iTunes", "iTunMOVI", "<plist/>"));
+    const std::vector<uint8_t> valid = MP4ItmfSerializeItems(items);
+
+    uint32_t state = 12345;
+    auto next = [&] { return state = state * 1664525u + 1013904223u; };
+    for (int round = 0; round < 3000; ++round) {
+        std::vector<uint8_t> input = valid;
+        const int edits = 1 + int(next() % 4);
+        for (int e = 0; e < edits; ++e) {
+            const size_t at = next() % input.size();
+            switch (next() % 3) {
+            case 0: input[at] = uint8_t(next()); break;          // any byte, sizes too
+            case 1: input.resize(at + 1); break;                 // cut short
+            default: input.insert(input.begin() + std::ptrdiff_t(at), uint8_t(next())); break;
+            }
+        }
+        const MP4ItmfItemList parsed = MP4ItmfParseItems(input);
+        MP4Tags tags;
+        MP4TagsFetch(tags, parsed);
+        std::vector<uint8_t> written = MP4ItmfSerializeItems(parsed);
+        // Only zero padding at the end may be dropped.
+        ASSERT_LE(written.size(), input.size());
+        ASSERT_TRUE(std::equal(written.begin(), written.end(), input.begin())) << "round " << round;
+        ASSERT_TRUE(std::all_of(input.begin() + std::ptrdiff_t(written.size()), input.end(),
+                                [](uint8_t b) { return b == 0; }))
+            << "round " << round;
+    }
+}
