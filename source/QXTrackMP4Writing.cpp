@@ -2,6 +2,7 @@
 // the part of each track class that talks to the MP4 layer.
 
 #include <cstdint>
+#include <vector>
 
 extern "C" {
 #include <libavcodec/codec_id.h>
@@ -82,7 +83,14 @@ bool QXTrack::writeTrackAssociation(AVTrackAssociationType type, const QXTrack* 
                 return false;
             }
         } else {
-            track->setReferences(reference, {uint32_t(other->trackID)});
+            // Only the first entry is pointed elsewhere; further entries stay.
+            std::vector<uint32_t> ids = track->references(reference);
+            if (ids.empty()) {
+                ids.push_back(uint32_t(other->trackID));
+            } else {
+                ids[0] = uint32_t(other->trackID);
+            }
+            track->setReferences(reference, ids);
         }
     } else if (other) {
         track->addReference(reference, uint32_t(other->trackID));

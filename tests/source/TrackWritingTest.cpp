@@ -183,7 +183,13 @@ TEST(TrackWriting, ReferencesAreAddedPointedAndRemoved)
         EXPECT_FALSE(file->track(5)->hasReference(fourcc("forc")));
     }
 
-    // Pointing an existing reference elsewhere, and removing one.
+    // Pointing an existing reference elsewhere (its first entry only), and removing one.
+    {
+        auto file = MP4File::modify(path);
+        ASSERT_TRUE(file);
+        file->track(4)->setReferences(fourcc("forc"), {5, 2});
+        ASSERT_TRUE(file->close());
+    }
     ac3->fallback_track = nullptr;
     subtitle->forced_track = trackWithID<QXSubtitleTrack>(1);
     write();
@@ -191,7 +197,7 @@ TEST(TrackWriting, ReferencesAreAddedPointedAndRemoved)
     ASSERT_TRUE(file);
     EXPECT_FALSE(file->track(2)->hasReference(fourcc("fall"))) << "a removed fallback deletes fall";
     EXPECT_EQ(file->track(2)->references(fourcc("folw")), std::vector<uint32_t> {4});
-    EXPECT_EQ(file->track(4)->references(fourcc("forc")), std::vector<uint32_t> {1});
+    EXPECT_EQ(file->track(4)->references(fourcc("forc")), (std::vector<uint32_t> {1, 2}));
     file->close();
     EXPECT_EQ(qxtest::run("ffprobe -v error '" + path.string() + "' >/dev/null"), 0);
 }
