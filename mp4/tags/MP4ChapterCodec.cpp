@@ -4,11 +4,10 @@
 
 #include <algorithm>
 
-#include "TagBytes.h"
+#include "qxmedia/mp4/MP4Bytes.h"
 #include "qxmedia/mp4/MP4Log.h"
 
 namespace qx::mp4 {
-using namespace tagbytes;
 
 namespace {
 
@@ -70,17 +69,17 @@ std::vector<uint8_t> MP4ChplEncode(const std::vector<MP4NeroChapter>& chapters)
         MP4Log(MP4_LOG_WARNING, "chpl: keeping the first 255 of %zu chapters", chapters.size());
     }
     const size_t count = std::min<size_t>(chapters.size(), 255);
-    std::vector<uint8_t> out;
-    appendBE(out, 0x01000000, 4); // version 1, flags 0
-    out.push_back(0);             // reserved
-    appendBE(out, count, 4);
+    ByteWriter out;
+    out.u32(0x01000000); // version 1, flags 0
+    out.u8(0);           // reserved
+    out.u32(uint32_t(count));
     for (size_t i = 0; i < count; ++i) {
-        appendBE(out, chapters[i].start, 8);
+        out.u64(chapters[i].start);
         const std::string title = MP4TruncateUTF8(chapters[i].title, 255);
-        out.push_back(uint8_t(title.size()));
-        appendText(out, title);
+        out.u8(uint8_t(title.size()));
+        out.string(title);
     }
-    return out;
+    return std::move(out.buffer());
 }
 
 std::optional<std::vector<MP4NeroChapter>> MP4ChplDecode(std::span<const uint8_t> payload)
@@ -91,7 +90,7 @@ std::optional<std::vector<MP4NeroChapter>> MP4ChplDecode(std::span<const uint8_t
     uint64_t count = 0;
     if (version >= 1) {
         if (payload.size() < 9) return std::nullopt;
-        count = readBE(payload, 5, 4);
+        count = readBE32(payload.data() + 5);
         at = 9;
     } else {
         count = payload[4];
@@ -105,7 +104,7 @@ std::optional<std::vector<MP4NeroChapter>> MP4ChplDecode(std::span<const uint8_t
             break;
         }
         MP4NeroChapter chapter;
-        chapter.start = readBE(payload, at, 8);
+        chapter.start = readBE64(payload.data() + at);
         const size_t length = payload[at + 8];
         at += 9;
         if (payload.size() - at < length) break;
@@ -119,7 +118,7 @@ std::optional<std::vector<MP4NeroChapter>> MP4ChplDecode(std::span<const uint8_t
 std::optional<std::string> MP4ChapterTitleFromSample(std::span<const uint8_t> sample)
 {
     if (sample.size() < 2) return std::nullopt;
-    const size_t length = readBE(sample, 0, 2);
+    const size_t length = (size_t(sample[0]) << 8) | sample[1];
     if (sample.size() - 2 < length) return std::nullopt;
     const auto text = sample.subspan(2, length);
     if (text.size() >= 2 && text[0] == 0xFE && text[1] == 0xFF) return utf16ToUTF8(text.subspan(2), true);

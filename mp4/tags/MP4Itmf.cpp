@@ -3,11 +3,10 @@
 #include <cctype>
 #include <cstdio>
 
-#include "TagBytes.h"
+#include "qxmedia/mp4/MP4Bytes.h"
 #include "qxmedia/mp4/MP4Log.h"
 
 namespace qx::mp4 {
-using namespace tagbytes;
 
 namespace {
 
@@ -23,12 +22,12 @@ std::optional<BoxHeader> readHeader(std::span<const uint8_t> bytes, size_t at)
 {
     if (bytes.size() - at < 8) return std::nullopt;
     BoxHeader header;
-    uint64_t size = readBE(bytes, at, 4);
-    header.type = fourcc(bytes, at + 4);
+    uint64_t size = readBE32(bytes.data() + at);
+    header.type.assign(reinterpret_cast<const char*>(bytes.data() + at + 4), 4);
     header.headerSize = 8;
     if (size == 1) {
         if (bytes.size() - at < 16) return std::nullopt;
-        size = readBE(bytes, at + 8, 8);
+        size = readBE64(bytes.data() + at + 8);
         header.headerSize = 16;
     } else if (size == 0) {
         size = bytes.size() - at;
@@ -52,11 +51,22 @@ std::string fullBoxString(std::span<const uint8_t> payload)
     return text;
 }
 
-void appendFullBoxString(std::vector<uint8_t>& out, const char* type, const std::string& text)
+// Starts a box: a size placeholder and the type; endBox fills in the size.
+size_t beginBox(ByteWriter& out, const std::string& type)
+{
+    const size_t at = out.size();
+    out.u32(0);
+    out.string(type.substr(0, 4));
+    return at;
+}
+
+void endBox(ByteWriter& out, size_t at) { out.patch32(at, uint32_t(out.size() - at)); }
+
+void appendFullBoxString(ByteWriter& out, const char* type, const std::string& text)
 {
     const size_t box = beginBox(out, type);
-    appendBE(out, 0, 4);
-    appendText(out, text);
+    out.u32(0); // version and flags
+    out.string(text);
     endBox(out, box);
 }
 
@@ -106,8 +116,8 @@ std::optional<MP4ItmfItem> MP4ItmfParseItem(std::span<const uint8_t> itemBox)
             }
             MP4ItmfData data;
             data.typeSetIdentifier = payload[0];
-            data.typeCode = uint32_t(readBE(payload, 1, 3));
-            data.locale = uint32_t(readBE(payload, 4, 4));
+            data.typeCode = readBE32(payload.data()) & 0xFFFFFF;
+            data.locale = readBE32(payload.data() + 4);
             data.value.assign(payload.begin() + 8, payload.end());
             item.dataList.push_back(std::move(data));
         } else if (child->type == "mean") {
@@ -149,7 +159,7 @@ MP4ItmfItemList MP4ItmfParseItems(std::span<const uint8_t> ilstPayload)
 
 std::vector<uint8_t> MP4ItmfEncodeItem(const MP4ItmfItem& item)
 {
-    std::vector<uint8_t> out;
+    ByteWriter out;
     const size_t box = beginBox(out, item.code);
     if (item.isFreeForm()) {
         appendFullBoxString(out, "mean", item.mean);
@@ -157,34 +167,34 @@ std::vector<uint8_t> MP4ItmfEncodeItem(const MP4ItmfItem& item)
     }
     for (const MP4ItmfData& data : item.dataList) {
         const size_t dataBox = beginBox(out, "data");
-        out.push_back(data.typeSetIdentifier);
-        appendBE(out, data.typeCode, 3);
-        appendBE(out, data.locale, 4);
-        appendBytes(out, data.value);
+        out.u8(data.typeSetIdentifier);
+        out.u24(data.typeCode);
+        out.u32(data.locale);
+        out.bytes(data.value);
         endBox(out, dataBox);
     }
     endBox(out, box);
-    return out;
+    return std::move(out.buffer());
 }
 
 std::vector<uint8_t> MP4ItmfSerializeItems(const MP4ItmfItemList& items)
 {
-    std::vector<uint8_t> out;
+    ByteWriter out;
     for (const MP4ItmfItem& item : items) {
         if (item.code.empty()) { // damaged tail kept as read
-            appendBytes(out, item.raw);
+            out.bytes(item.raw);
             continue;
         }
         if (!item.raw.empty()) {
             const auto asRead = MP4ItmfParseItem(item.raw);
             if (asRead && asRead->sameContent(item)) {
-                appendBytes(out, item.raw);
+                out.bytes(item.raw);
                 continue;
             }
         }
-        appendBytes(out, MP4ItmfEncodeItem(item));
+        out.bytes(MP4ItmfEncodeItem(item));
     }
-    return out;
+    return std::move(out.buffer());
 }
 
 MP4ItmfItemList MP4ItmfGetItemsByMeaning(const MP4ItmfItemList& items, const std::string& mean,

@@ -3,10 +3,9 @@
 #include <algorithm>
 #include <type_traits>
 
-#include "TagBytes.h"
+#include "qxmedia/mp4/MP4Bytes.h"
 
 namespace qx::mp4 {
-using namespace tagbytes;
 
 namespace {
 
@@ -74,7 +73,9 @@ const MP4TagField kFields[] = {
 std::optional<uint64_t> decodeInteger(const MP4ItmfData& data)
 {
     if (data.value.empty() || data.value.size() > 8) return std::nullopt;
-    return readBE(data.value, 0, data.value.size());
+    uint64_t value = 0;
+    for (uint8_t byte : data.value) value = (value << 8) | byte;
+    return value;
 }
 
 uint32_t artworkBasicType(MP4TagArtworkType type)
@@ -113,8 +114,8 @@ void decodeField(const MP4TagField& field, const MP4ItmfItem& item, MP4Tags& tag
             } else if constexpr (std::is_same_v<Field, std::optional<MP4TagTrack>>) {
                 if (first.value.size() < 4) return;
                 MP4TagTrack pair;
-                pair.index = uint16_t(readBE(first.value, 2, 2));
-                if (first.value.size() >= 6) pair.total = uint16_t(readBE(first.value, 4, 2));
+                pair.index = uint16_t((first.value[2] << 8) | first.value[3]);
+                if (first.value.size() >= 6) pair.total = uint16_t((first.value[4] << 8) | first.value[5]);
                 target = pair;
             } else if constexpr (std::is_same_v<Field, std::vector<MP4TagArtwork>>) {
                 target.clear();
@@ -149,7 +150,7 @@ MP4ItmfData makeData(uint32_t typeCode, std::vector<uint8_t> value)
 MP4ItmfData integerData(uint64_t value, size_t width, uint32_t typeCode = MP4_ITMF_BT_INTEGER)
 {
     std::vector<uint8_t> bytes;
-    appendBE(bytes, value, width);
+    for (size_t i = width; i-- > 0;) bytes.push_back(uint8_t(value >> (8 * i)));
     return makeData(typeCode, std::move(bytes));
 }
 
@@ -165,12 +166,12 @@ MP4ItmfItem encodeField(const MP4TagField& field, const MP4Tags& tags)
                 item.dataList.push_back(makeData(MP4_ITMF_BT_UTF8, {value->begin(), value->end()}));
             } else if constexpr (std::is_same_v<Field, std::optional<MP4TagTrack>>) {
                 // trkn carries two reserved bytes more than disk.
-                std::vector<uint8_t> bytes;
-                appendBE(bytes, 0, 2);
-                appendBE(bytes, value->index, 2);
-                appendBE(bytes, value->total, 2);
-                if (item.code == "trkn") appendBE(bytes, 0, 2);
-                item.dataList.push_back(makeData(MP4_ITMF_BT_IMPLICIT, std::move(bytes)));
+                ByteWriter bytes;
+                bytes.u16(0);
+                bytes.u16(value->index);
+                bytes.u16(value->total);
+                if (item.code == "trkn") bytes.u16(0);
+                item.dataList.push_back(makeData(MP4_ITMF_BT_IMPLICIT, std::move(bytes.buffer())));
             } else if constexpr (std::is_same_v<Field, std::vector<MP4TagArtwork>>) {
                 for (const MP4TagArtwork& art : value) {
                     const MP4TagArtworkType type =
