@@ -105,3 +105,36 @@ TEST(MP4Properties, NamedPropertiesReachTheirFieldsAndSurviveAWrite)
     std::erase(probe, '\n');
     EXPECT_EQ(probe, "avc1mp4atx3g");
 }
+
+TEST(MP4Properties, TrackMetadataOfAnotherMuxersFile)
+{
+    // ffmpeg's ipod muxer writes a chapter text track referenced by tref/chap.
+    auto chapters = qxtest::makeTempDir("mp4-meta") / "c.txt";
+    qxtest::writeFile(chapters, ";FFMETADATA1\n[CHAPTER]\nTIMEBASE=1/1000\nSTART=0\nEND=1000\ntitle=A\n"
+                                "[CHAPTER]\nTIMEBASE=1/1000\nSTART=1000\nEND=2000\ntitle=B\n");
+    auto path = qxtest::generate("mp4-model-meta.m4v",
+                                "-f lavfi -i testsrc2=size=160x120:rate=25:duration=2 -f lavfi -i sine=duration=2 "
+                                "-i " + chapters.string() +
+                                " -map 0 -map 1 -map_chapters 2 -c:v libx264 -preset veryfast -c:a aac -f ipod");
+    ASSERT_FALSE(path.empty());
+    auto file = MP4File::read(path);
+    ASSERT_TRUE(file);
+    auto meta = file->copyTrackMetadata();
+    ASSERT_EQ(meta.size(), 3u);
+    uint32_t text = file->findTrackId(0, kTextTrack);
+    ASSERT_NE(text, 0u);
+    EXPECT_EQ(meta[1].dictionary()["chap"], std::to_string(text));
+    EXPECT_EQ(meta[2].dictionary()["volume"], "256");
+    EXPECT_EQ(meta[1].dictionary().count("codec_tag"), 0u);
+
+    // A protected entry is reported by its type.
+    auto bytes = qxtest::readFile(path);
+    Box* entry = file->track(2)->sampleEntry();
+    ASSERT_NE(entry, nullptr);
+    bytes.replace(entry->fileOffset + 4, 4, "drms");
+    auto patched = qxtest::makeTempDir("mp4-meta-drm") / "drm.m4a";
+    qxtest::writeFile(patched, bytes);
+    auto drm = MP4File::read(patched);
+    ASSERT_TRUE(drm);
+    EXPECT_EQ(drm->copyTrackMetadata()[2].dictionary()["codec_tag"], "drms");
+}
