@@ -271,7 +271,9 @@ bool HdlrBox::parseFullFields(ByteReader& in)
         pascalName = true;
         name = in.pstring();
     } else {
+        size_t start = in.position();
         name = in.cstring();
+        terminated = in.position() > start + name.size();
     }
     return in.ok();
 }
@@ -286,7 +288,7 @@ void HdlrBox::writeFullFields(ByteWriter& out) const
         out.bytes(name.data(), std::min<size_t>(name.size(), 255));
     } else {
         out.string(name);
-        out.u8(0);
+        if (terminated) out.u8(0);
     }
 }
 
@@ -386,11 +388,17 @@ void SmhdBox::writeFullFields(ByteWriter& out) const
 
 bool TrackNameBox::parseFields(ByteReader& in)
 {
+    size_t start = in.position();
     name = in.cstring();
+    terminated = in.position() > start + name.size();
     return true;
 }
 
-void TrackNameBox::writeFields(ByteWriter& out) const { out.string(name); }
+void TrackNameBox::writeFields(ByteWriter& out) const
+{
+    out.string(name);
+    if (terminated) out.u8(0);
+}
 
 std::string TrackNameBox::describe() const { return "\"" + name + "\""; }
 

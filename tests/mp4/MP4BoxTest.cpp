@@ -329,3 +329,23 @@ TEST(MP4Box, RegistrationByFourCCAndRetyping)
     BoxParser::parseChildren(ByteReader(box("note", {})), 0, elsewhere);
     EXPECT_EQ(elsewhere.findChild<TestNoteBox>(), nullptr);
 }
+
+TEST(MP4Box, NamesKeepTheirTerminatorOrItsAbsence)
+{
+    std::vector<uint8_t> hdlrFields(20, 0);
+    hdlrFields[8] = 'v'; // handler type "vide"
+    hdlrFields[9] = 'i';
+    hdlrFields[10] = 'd';
+    hdlrFields[11] = 'e';
+    auto unterminated = hdlrFields;
+    for (char c : std::string("Video")) unterminated.push_back(uint8_t(c));
+    auto terminated = unterminated;
+    terminated.push_back(0);
+    auto bytes = concat({box("hdlr", unterminated), box("udta", concat({box("name", {'A', 0}), box("name", {'B'})}))});
+    bytes = concat({box("hdlr", terminated), bytes});
+    RootBox root;
+    ASSERT_TRUE(BoxParser::parseChildren(ByteReader(bytes), 0, root));
+    EXPECT_EQ(root.findChild<HdlrBox>()->name, "Video");
+    EXPECT_EQ(root.findPath<TrackNameBox>("udta.name")->name, "A");
+    EXPECT_EQ(serialise(root), bytes);
+}

@@ -122,6 +122,7 @@ public:
     std::array<uint32_t, 3> reserved {};
     std::string name;
     bool pascalName = false; // QuickTime writes a counted string
+    bool terminated = true;  // MP4 ends the name with a zero (some files do not)
 };
 
 struct EditEntry {
@@ -183,6 +184,7 @@ public:
     void writeFields(ByteWriter& out) const override;
     std::string describe() const override;
     std::string name;
+    bool terminated = false; // as read: the name ended with a zero
 };
 
 // meta: a full box in MP4, a plain container in QuickTime files; both read.
