@@ -332,7 +332,7 @@ TEST(MP4Box, RegistrationByFourCCAndRetyping)
 
 TEST(MP4Box, NamesKeepTheirTerminatorOrItsAbsence)
 {
-    std::vector<uint8_t> hdlrFields(20, 0);
+    std::vector<uint8_t> hdlrFields(24, 0); // version, flags, component, handler, reserved
     hdlrFields[8] = 'v'; // handler type "vide"
     hdlrFields[9] = 'i';
     hdlrFields[10] = 'd';
