@@ -1,5 +1,7 @@
 #include "qxmedia/source/QXVisualTrack.h"
 
+#include <cstring>
+
 extern "C" {
 #include <libavformat/avformat.h>
 }
@@ -20,12 +22,15 @@ bool QXVisualTrack::importStream(AVFormatContext* context, int index, QXErrorRef
         QXLogWarning("Invalid display matrix size: %d", int(size));
         return true;
     }
-    // Words 0, 1, 3, 4, 6, 7 in the byte order of the tkhd matrix; their
-    // upper halves are the integer parts (the writing side undoes exactly
-    // this, so a matrix passes through unchanged in its integer part).
+    // Words 0, 1, 3, 4, 6, 7 of the tkhd matrix. FFmpeg hands them over as
+    // native 32-bit integers (it has already converted the file's big-endian
+    // words). Their upper halves are the integer parts, taken unsigned; the
+    // writing side undoes exactly this, so a matrix passes through unchanged
+    // in its integer part.
     auto upper = [&](int word) {
-        const uint8_t* p = matrix + 4 * word;
-        return double(uint32_t(p[0]) << 8 | p[1]);
+        int32_t value;
+        std::memcpy(&value, matrix + 4 * word, sizeof value);
+        return double(uint32_t(value) >> 16);
     };
     transform = QXAffineTransform {upper(0), upper(1), upper(3), upper(4), upper(6), upper(7)};
     return true;

@@ -13,6 +13,8 @@ extern "C" {
 }
 
 #include "SourceMedia.h"
+#include "qxmedia/mp4/MP4File.h"
+#include "qxmedia/mp4/MP4Track.h"
 #include "qxmedia/platform/coremedia/CVPixelBuffer.h"
 #include "qxmedia/platform/plist/QXKeyedArchiver.h"
 #include "qxmedia/source/QXAC3AudioTrack.h"
@@ -349,22 +351,28 @@ TEST(VideoTrack, FramePackedStereoHalvesOneAxis)
 
 TEST(VideoTrack, DisplayMatrixBecomesTheTransform)
 {
-    OpenedInput input(sourcemedia::multiTrackMP4());
-    ASSERT_TRUE(input.context);
-    // A 90-degree rotation moved right by 180: [0 1; -1 0], tx 180.
-    int32_t matrix[9] = {0, 1 << 16, 0, -(1 << 16), 0, 0, 180 << 16, 0, 1 << 30};
-    uint8_t bytes[36];
-    for (int i = 0; i < 9; ++i) {
-        const auto word = uint32_t(matrix[i]);
-        bytes[4 * i] = uint8_t(word >> 24);
-        bytes[4 * i + 1] = uint8_t(word >> 16);
-        bytes[4 * i + 2] = uint8_t(word >> 8);
-        bytes[4 * i + 3] = uint8_t(word);
+    // A 90-degree rotation moved right by 180, [0 1; -1 0] + (180, 0), put
+    // into the tkhd of a copy; FFmpeg's demuxer hands it over as side data.
+    const auto path = qxtest::makeTempDir("display-matrix") / "rotated.mp4";
+    std::filesystem::copy_file(sourcemedia::multiTrackMP4(), path);
+    {
+        auto file = mp4::MP4File::modify(path);
+        ASSERT_TRUE(file);
+        file->track(1)->setMatrix({0, 1 << 16, 0, -(1 << 16), 0, 0, 180 << 16, 0, 1 << 30});
+        ASSERT_TRUE(file->close());
     }
-    addSideData(input.stream(0), AV_PKT_DATA_DISPLAYMATRIX, bytes, sizeof bytes);
+    OpenedInput input(path);
+    ASSERT_TRUE(input.context);
     auto video = QXVideoTrack::initWithFormatContext(input.context, 0);
     ASSERT_TRUE(video);
     EXPECT_EQ(video->transform, (QXAffineTransform {0, 1, 65535, 0, 180, 0})) << "-1 comes out as its 16-bit pattern";
+
+    qxtest::LogCapture log;
+    const uint8_t odd[8] = {};
+    addSideData(input.stream(0), AV_PKT_DATA_DISPLAYMATRIX, odd, sizeof odd);
+    auto skipped = QXVideoTrack::initWithFormatContext(input.context, 0);
+    EXPECT_TRUE(log.contains("Invalid display matrix size: 8", 2));
+    EXPECT_EQ(skipped->transform, QXAffineTransform {});
 }
 
 // MARK: Audio
