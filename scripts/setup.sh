@@ -9,7 +9,7 @@ PACKAGES=(
   libicu-dev libplist-dev libpugixml-dev libcld2-dev libsqlite3-dev
   libebml-dev libmatroska-dev libtesseract-dev libleptonica-dev tesseract-ocr tesseract-ocr-eng
   libgtest-dev libgmock-dev libbenchmark-dev
-  atomicparsley mediainfo mkvtoolnix dvdauthor fonts-dejavu-core
+  atomicparsley mediainfo mkvtoolnix dvdauthor fonts-dejavu-core python3
 )
 
 missing=()
