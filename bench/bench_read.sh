@@ -62,8 +62,12 @@ for ((i = 1; i <= runs; i++)); do
     echo "run $i: ffmpeg ${best_ff}s, qxconvert read ${best_qx}s (best so far)"
 done
 
+# Memory that does not grow with the file: the same read of the 30 s source.
+read -r _ rss_short < <(measure "$qxconvert" read "$short" --json)
+
 ratio=$(echo "scale=3; $best_qx / $best_ff" | bc)
 echo "ffmpeg -c copy -f null: ${best_ff}s, peak RSS $((rss_ff / 1024)) MiB"
 echo "qxconvert read:         ${best_qx}s, peak RSS $((rss_qx / 1024)) MiB"
 echo "time ratio qxconvert/ffmpeg: $ratio (target <= 1.25)"
 echo "peak RSS ratio qxconvert/ffmpeg: $(echo "scale=2; $rss_qx / $rss_ff" | bc)"
+echo "qxconvert read peak RSS, whole file / 30 s source: $((rss_qx / 1024)) / $((rss_short / 1024)) MiB"

@@ -72,6 +72,17 @@ TEST(ReadTool, EveryPacketOfWellFormedSourcesArrives)
     EXPECT_EQ(ffprobePacketCounts(readermedia::matroska()).size(), 4u) << "H.264, AC-3, AAC and SRT";
 }
 
+TEST(ReadTool, SubtitleFileGoesStraightToItsTrack)
+{
+    // A movie of subtitles only has no movie reader: nothing waits for a
+    // video key frame and nothing is rebased.
+    const auto file = readermedia::subtitleFile();
+    const auto tracks = readWithTool(file);
+    ASSERT_EQ(tracks.size(), 1u);
+    EXPECT_EQ(tracks[0].samples, ffprobePacketCounts(file).at(0));
+    EXPECT_DOUBLE_EQ(tracks[0].lastPTS, 2.5);
+}
+
 TEST(ReadTool, CutTransportStreamLosesVideoBeforeItsFirstKeyFrameAndTheOldestEarlyAudio)
 {
     const auto file = readermedia::cutTransportStream();

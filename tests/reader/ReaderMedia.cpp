@@ -55,6 +55,11 @@ std::filesystem::path matroska()
                                                      " -c:a:0 ac3 -c:a:1 aac -c:s srt");
 }
 
+std::filesystem::path subtitleFile()
+{
+    return srtFile();
+}
+
 std::filesystem::path mp4()
 {
     return qxtest::generate("reader-source.mp4", kVideo + ":duration=4 " + kTone +

@@ -7,6 +7,8 @@ namespace readermedia {
 
 // Matroska: H.264, AC-3, AAC, SRT; 4 s.
 std::filesystem::path matroska();
+// SubRip: two cues, the last at 2.5 s.
+std::filesystem::path subtitleFile();
 // MP4: H.264 with B-frames, AAC; 4 s.
 std::filesystem::path mp4();
 // Transport stream: H.264, AAC; 4 s.
