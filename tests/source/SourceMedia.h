@@ -2,7 +2,10 @@
 // Sources for the source-model tests, generated with ffmpeg once per build.
 
 #include <filesystem>
+#include <memory>
 #include <string>
+
+#include "qxmedia/reader/QXTrackReader.h"
 
 struct AVFormatContext;
 struct AVStream;
@@ -41,5 +44,16 @@ struct OpenedInput {
     AVFormatContext* context = nullptr;
     AVStream* stream(int index) const;
 };
+
+// Imports one stream by hand. A track and its reader hold each other until a
+// run ends, and a movie breaks that when it goes; without a movie the test
+// breaks it at once.
+template <class Track>
+std::shared_ptr<Track> importTrack(AVFormatContext* context, int streamIndex)
+{
+    auto track = Track::initWithFormatContext(context, streamIndex);
+    if (track && track->reader) track->reader->releaseTrack();
+    return track;
+}
 
 } // namespace sourcemedia

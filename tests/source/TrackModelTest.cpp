@@ -23,6 +23,7 @@ extern "C" {
 #include "support/TestMedia.h"
 
 using namespace qx;
+using sourcemedia::importTrack;
 using sourcemedia::OpenedInput;
 
 namespace {
@@ -73,7 +74,7 @@ TEST(TrackModel, ImportReadsHeaderKeysAndTheDefaultDisposition)
     setMetadata(input.stream(kSRTStream), "flags", "2");
     setMetadata(input.stream(kSRTStream), "layer", "-1");
     setMetadata(input.stream(kSRTStream), "alternate_group", "7");
-    auto srt = QXSubtitleTrack::initWithFormatContext(input.context, kSRTStream);
+    auto srt = importTrack<QXSubtitleTrack>(input.context, kSRTStream);
     ASSERT_TRUE(srt);
     EXPECT_TRUE(srt->enabled);
     EXPECT_TRUE(srt->in_movie);
@@ -83,7 +84,7 @@ TEST(TrackModel, ImportReadsHeaderKeysAndTheDefaultDisposition)
     // Not default: flags 2 leaves it disabled; a zero value changes nothing.
     setMetadata(input.stream(kASSStream), "flags", "2");
     setMetadata(input.stream(kASSStream), "alternate_group", "0");
-    auto ass = QXSubtitleTrack::initWithFormatContext(input.context, kASSStream);
+    auto ass = importTrack<QXSubtitleTrack>(input.context, kASSStream);
     ASSERT_TRUE(ass);
     EXPECT_FALSE(ass->enabled);
     EXPECT_TRUE(ass->in_movie);
@@ -99,7 +100,7 @@ TEST(TrackModel, ImportNamesLanguagesAndUnknownKeys)
     setMetadata(stream, "BPS-eng", "96000");
     setMetadata(stream, "surprise", "yes");
     qxtest::LogCapture log;
-    auto aac = QXAudioTrack::initWithFormatContext(input.context, kAACStream);
+    auto aac = importTrack<QXAudioTrack>(input.context, kAACStream);
     ASSERT_TRUE(aac);
     EXPECT_EQ(aac->name, "Stereo mix");
     EXPECT_EQ(aac->language, "fr") << "fra in the file";
@@ -114,12 +115,30 @@ TEST(TrackModel, ImportNamesLanguagesAndUnknownKeys)
     // A title that is not UTF-8 is ignored; an unknown or empty language keeps "und".
     setMetadata(stream, "title", "caf\xe9");
     setMetadata(stream, "language", "");
-    auto untitled = QXAudioTrack::initWithFormatContext(input.context, kAACStream);
+    auto untitled = importTrack<QXAudioTrack>(input.context, kAACStream);
     EXPECT_EQ(untitled->name, "Audio Track");
     EXPECT_EQ(untitled->language, "und");
     setMetadata(stream, "language", "qqq");
-    EXPECT_EQ(QXAudioTrack::initWithFormatContext(input.context, kAACStream)->language, "und");
+    EXPECT_EQ(importTrack<QXAudioTrack>(input.context, kAACStream)->language, "und");
     EXPECT_EQ(QXTrack::init()->displayLanguage(), "Unknown") << "und has no ISO 639-1 code";
+}
+
+TEST(TrackModel, StreamWithoutDecoderIsStillATrack)
+{
+    OpenedInput input(sourcemedia::m4v());
+    ASSERT_TRUE(input.context);
+    ASSERT_EQ(input.stream(3)->codecpar->codec_id, AV_CODEC_ID_BIN_DATA) << "the chapter text stream";
+    qxtest::LogCapture log;
+    auto track = importTrack<QXTrack>(input.context, 3);
+    ASSERT_TRUE(track);
+    EXPECT_TRUE(log.contains("Could not find necessary decoder for codec id " + std::to_string(AV_CODEC_ID_BIN_DATA) +
+                             " (bin_data, type: 2)!",
+                             2));
+    EXPECT_EQ(track->codecParameters()->codec_id, AV_CODEC_ID_NONE) << "parameters stay empty";
+    EXPECT_EQ(track->codec_id, AV_CODEC_ID_BIN_DATA);
+    EXPECT_EQ(track->format(), "bin_data");
+    EXPECT_EQ(track->mediaType(), nullptr);
+    EXPECT_FALSE(track->isMuxable());
 }
 
 TEST(TrackModel, DescriptionLeavesOutBitRatesBelowOneKilobit)
@@ -217,7 +236,7 @@ TEST(VideoTrack, H264FromAnMP4HasItsParameterSets)
 {
     OpenedInput input(sourcemedia::multiTrackMP4());
     ASSERT_TRUE(input.context);
-    auto video = QXVideoTrack::initWithFormatContext(input.context, 0);
+    auto video = importTrack<QXVideoTrack>(input.context, 0);
     ASSERT_TRUE(video);
     ASSERT_EQ(video->sps.size(), 1u);
     ASSERT_EQ(video->pps.size(), 1u);
@@ -321,7 +340,7 @@ TEST(VideoTrack, FramePackedStereoHalvesOneAxis)
     for (const auto& [mode, h, v] : {std::tuple {"left_right", 1u, 2u}, std::tuple {"top_bottom", 2u, 1u}}) {
         OpenedInput input(sourcemedia::stereoMatroska(mode));
         ASSERT_TRUE(input.context) << mode;
-        auto video = QXVideoTrack::initWithFormatContext(input.context, 0);
+        auto video = importTrack<QXVideoTrack>(input.context, 0);
         ASSERT_TRUE(video);
         EXPECT_EQ(video->hSpacing, h) << mode;
         EXPECT_EQ(video->vSpacing, v) << mode;
@@ -338,12 +357,12 @@ TEST(VideoTrack, FramePackedStereoHalvesOneAxis)
     packing.type = AV_STEREO3D_COLUMNS;
     addSideData(stream, AV_PKT_DATA_STEREO3D, &packing, sizeof packing);
     stream->sample_aspect_ratio = {4, 3};
-    auto columns = QXVideoTrack::initWithFormatContext(input.context, 0);
+    auto columns = importTrack<QXVideoTrack>(input.context, 0);
     EXPECT_EQ(columns->hSpacing, 2u);
     EXPECT_EQ(columns->vSpacing, 3u);
     stream->sample_aspect_ratio = {0, 1};
     stream->codecpar->sample_aspect_ratio = {0, 1};
-    auto unknown = QXVideoTrack::initWithFormatContext(input.context, 0);
+    auto unknown = importTrack<QXVideoTrack>(input.context, 0);
     EXPECT_EQ(unknown->hSpacing, 1u);
     EXPECT_EQ(unknown->vSpacing, 1u);
     EXPECT_FLOAT_EQ(unknown->display_width, 320.f);
@@ -363,14 +382,14 @@ TEST(VideoTrack, DisplayMatrixBecomesTheTransform)
     }
     OpenedInput input(path);
     ASSERT_TRUE(input.context);
-    auto video = QXVideoTrack::initWithFormatContext(input.context, 0);
+    auto video = importTrack<QXVideoTrack>(input.context, 0);
     ASSERT_TRUE(video);
     EXPECT_EQ(video->transform, (QXAffineTransform {0, 1, 65535, 0, 180, 0})) << "-1 comes out as its 16-bit pattern";
 
     qxtest::LogCapture log;
     const uint8_t odd[8] = {};
     addSideData(input.stream(0), AV_PKT_DATA_DISPLAYMATRIX, odd, sizeof odd);
-    auto skipped = QXVideoTrack::initWithFormatContext(input.context, 0);
+    auto skipped = importTrack<QXVideoTrack>(input.context, 0);
     EXPECT_TRUE(log.contains("Invalid display matrix size: 8", 2));
     EXPECT_EQ(skipped->transform, QXAffineTransform {});
 }
@@ -384,7 +403,7 @@ TEST(AudioTrack, VolumeAndServiceTypeFromTheStream)
     AVStream* stream = input.stream(kAACStream);
     setMetadata(stream, "volume", "128");
     setMetadata(stream, "title", "Director's COMMENTARY with karaoke");
-    auto aac = QXAudioTrack::initWithFormatContext(input.context, kAACStream);
+    auto aac = importTrack<QXAudioTrack>(input.context, kAACStream);
     ASSERT_TRUE(aac);
     EXPECT_FLOAT_EQ(aac->volume, 0.5f);
     EXPECT_EQ(aac->audio_service_type, AV_AUDIO_SERVICE_TYPE_COMMENTARY) << "commentary is looked for first";
@@ -397,7 +416,7 @@ TEST(AudioTrack, VolumeAndServiceTypeFromTheStream)
 
     setMetadata(stream, "volume", "0");
     setMetadata(stream, "title", "Karaoke");
-    auto karaoke = QXAudioTrack::initWithFormatContext(input.context, kAACStream);
+    auto karaoke = importTrack<QXAudioTrack>(input.context, kAACStream);
     EXPECT_FLOAT_EQ(karaoke->volume, 1.0f);
     EXPECT_EQ(karaoke->audio_service_type, AV_AUDIO_SERVICE_TYPE_KARAOKE);
 
@@ -405,7 +424,7 @@ TEST(AudioTrack, VolumeAndServiceTypeFromTheStream)
     setMetadata(stream, "title", "Commentary");
     const int32_t mainService = AV_AUDIO_SERVICE_TYPE_MAIN;
     addSideData(stream, AV_PKT_DATA_AUDIO_SERVICE_TYPE, &mainService, sizeof mainService);
-    EXPECT_EQ(QXAudioTrack::initWithFormatContext(input.context, kAACStream)->audio_service_type, 0);
+    EXPECT_EQ(importTrack<QXAudioTrack>(input.context, kAACStream)->audio_service_type, 0);
 
     OpenedInput other(sourcemedia::matroska());
     ASSERT_TRUE(other.context);
@@ -413,7 +432,7 @@ TEST(AudioTrack, VolumeAndServiceTypeFromTheStream)
     const uint8_t two[2] = {0, 0};
     addSideData(other.stream(kAACStream), AV_PKT_DATA_AUDIO_SERVICE_TYPE, two, sizeof two);
     qxtest::LogCapture log;
-    EXPECT_EQ(QXAudioTrack::initWithFormatContext(other.context, kAACStream)->audio_service_type, 5);
+    EXPECT_EQ(importTrack<QXAudioTrack>(other.context, kAACStream)->audio_service_type, 5);
     EXPECT_TRUE(log.contains("Invalid data!", 2));
 }
 
@@ -460,7 +479,7 @@ TEST(AC3Track, HeaderFieldsForEachChannelMode)
     for (const Case& c : cases) {
         OpenedInput input(sourcemedia::ac3(c.layout, c.options));
         ASSERT_TRUE(input.context) << c.layout;
-        auto ac3 = QXAC3AudioTrack::initWithFormatContext(input.context, 0);
+        auto ac3 = importTrack<QXAC3AudioTrack>(input.context, 0);
         ASSERT_TRUE(ac3) << c.layout;
         EXPECT_EQ(ac3->acmod, c.acmod) << c.layout;
         EXPECT_EQ(ac3->lfeon, c.lfeon) << c.layout;
@@ -484,7 +503,7 @@ TEST(AC3Track, ServiceTypeFromTheBitStreamMode)
           std::tuple {"stereo", "ka", AV_AUDIO_SERVICE_TYPE_KARAOKE}}) {
         OpenedInput input(sourcemedia::ac3(layout, std::string("-audio_service_type ") + service));
         ASSERT_TRUE(input.context);
-        auto ac3 = QXAC3AudioTrack::initWithFormatContext(input.context, 0);
+        auto ac3 = importTrack<QXAC3AudioTrack>(input.context, 0);
         ASSERT_TRUE(ac3);
         EXPECT_EQ(ac3->bsmod, 7) << layout;
         EXPECT_EQ(ac3->audio_service_type, expected) << layout;
@@ -492,7 +511,7 @@ TEST(AC3Track, ServiceTypeFromTheBitStreamMode)
     OpenedInput input(sourcemedia::ac3("stereo", "-audio_service_type hi"));
     ASSERT_TRUE(input.context);
     setMetadata(input.stream(0), "title", "Commentary");
-    auto ac3 = QXAC3AudioTrack::initWithFormatContext(input.context, 0);
+    auto ac3 = importTrack<QXAC3AudioTrack>(input.context, 0);
     EXPECT_EQ(ac3->bsmod, 3);
     EXPECT_EQ(ac3->audio_service_type, AV_AUDIO_SERVICE_TYPE_HEARING_IMPAIRED) << "bsmod before the name";
 }
@@ -501,7 +520,7 @@ TEST(EAC3Track, Dec3OfOneIndependentSubstream)
 {
     OpenedInput input(sourcemedia::hevcEac3());
     ASSERT_TRUE(input.context);
-    auto eac3 = QXEAC3AudioTrack::initWithFormatContext(input.context, 1);
+    auto eac3 = importTrack<QXEAC3AudioTrack>(input.context, 1);
     ASSERT_TRUE(eac3);
     ASSERT_EQ(eac3->dec3Atom.size(), 5u) << "a reserved bit instead of chan_loc";
     const QXData& d = eac3->dec3Atom;
@@ -577,8 +596,8 @@ TEST(SubtitleTrack, ImportMarksForcedStreamsAndRenamesThem)
     ASSERT_TRUE(input.context);
     setMetadata(input.stream(kSRTStream), "title", "English FORCED");
     input.stream(kASSStream)->disposition |= AV_DISPOSITION_FORCED;
-    auto srt = QXSubtitleTrack::initWithFormatContext(input.context, kSRTStream);
-    auto ass = QXBitmapSubtitleTrack::initWithFormatContext(input.context, kASSStream);
+    auto srt = importTrack<QXSubtitleTrack>(input.context, kSRTStream);
+    auto ass = importTrack<QXBitmapSubtitleTrack>(input.context, kASSStream);
     ASSERT_TRUE(srt && ass);
     EXPECT_EQ(srt->forcedFlag(), QXSubtitleAllSamplesForced);
     EXPECT_EQ(srt->name, "Subtitle Track");

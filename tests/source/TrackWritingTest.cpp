@@ -17,6 +17,7 @@ extern "C" {
 #include "support/TestMedia.h"
 
 using namespace qx;
+using sourcemedia::importTrack;
 using namespace qx::mp4;
 
 namespace {
@@ -208,10 +209,10 @@ TEST(TrackWriting, SubtitleDescriptionRoundTrip)
     // Start from what the file holds, change the layout, write it back.
     sourcemedia::OpenedInput input(path);
     ASSERT_TRUE(input.context);
-    auto subtitle = QXSubtitleTrack::initWithFormatContext(input.context, 3);
+    auto subtitle = importTrack<QXSubtitleTrack>(input.context, 3);
     ASSERT_TRUE(subtitle);
     ASSERT_EQ(subtitle->trackID, 4);
-    auto video = QXVideoTrack::initWithFormatContext(input.context, 0);
+    auto video = importTrack<QXVideoTrack>(input.context, 0);
     subtitle->setObeySubtitleFormatting(true);
     subtitle->setForcedFlag(QXSubtitleSomeSamplesForced);
     subtitle->adjustForVideoTrack(*video);
@@ -227,7 +228,7 @@ TEST(TrackWriting, SubtitleDescriptionRoundTrip)
     }
     sourcemedia::OpenedInput reread(path);
     ASSERT_TRUE(reread.context);
-    auto back = QXSubtitleTrack::initWithFormatContext(reread.context, 3);
+    auto back = importTrack<QXSubtitleTrack>(reread.context, 3);
     ASSERT_TRUE(back);
     EXPECT_EQ(back->displayFlags, 0x60000000u);
     EXPECT_EQ(back->defTextBoxTop, 153) << "0.85 of 180 lines";
