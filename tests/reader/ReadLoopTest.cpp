@@ -184,3 +184,22 @@ TEST(ReadLoop, TransportStreamJumpIsRebasedAndStragglersAreIgnored)
         }
     }
 }
+
+TEST(ReadLoop, SourceGoneBeforeReadingFailsAndStillEndsEveryTrack)
+{
+    const auto dir = qxtest::makeTempDir("reader-gone");
+    const auto copy = dir / "gone.ts";
+    std::filesystem::copy_file(readermedia::transportStream(), copy);
+    Reading reading(copy);
+    ASSERT_TRUE(reading.movie);
+    std::filesystem::remove(copy);
+
+    EXPECT_FALSE(reading.movie->startReading());
+    ASSERT_TRUE(reading.waitForEnd());
+    EXPECT_EQ(reading.movie->status, QXMovieStatusFailed);
+    ASSERT_TRUE(reading.movie->error());
+    // The first failure is kept: the file's size could not be read.
+    EXPECT_EQ(std::string(reading.movie->error()->domain()), NSPOSIXErrorDomain);
+    EXPECT_EQ(reading.movie->error()->code(), ENOENT);
+    EXPECT_EQ(reading.total(), 0u);
+}
