@@ -367,7 +367,8 @@ void MP4File::finishTracks(uint32_t flags)
     uint64_t movieDuration = 0;
     for (const auto& t : tracks_) {
         t->finish(movieTimescale);
-        if (!(flags & MP4_CLOSE_DO_NOT_COMPUTE_BITRATE)) {
+        // Bit rates describe samples written here; a track read from the file keeps its own.
+        if (!(flags & MP4_CLOSE_DO_NOT_COMPUTE_BITRATE) && (t->isNew || t->hasNewSamples())) {
             uint32_t average = 0, peak = 0, buffer = 0;
             t->computeBitrates(average, peak, buffer);
             if (auto esds = t->sampleEntryChild<EsdsBox>()) {

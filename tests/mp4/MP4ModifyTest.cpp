@@ -372,3 +372,42 @@ TEST(MP4Model, MoovOfOtherMuxersIsWrittenBackByteForByte)
         compare(*moov);
     }
 }
+
+TEST(MP4Damage, SampleTablesPromisingMoreThanTheFileHoldStopAtItsEnd)
+{
+    auto path = qxtest::makeTempDir("mp4-tables") / "t.mp4";
+    {
+        auto file = MP4File::create(path);
+        uint32_t id = file->addAudioTrack(48000, 1024);
+        const uint8_t sample[4] = {1, 2, 3, 4};
+        for (int i = 0; i < 4; ++i) file->writeSample(id, sample, sizeof sample);
+        ASSERT_TRUE(file->close());
+    }
+    {
+        // Four billion samples of one byte in one chunk, as a damaged file may say.
+        auto file = MP4File::modify(path);
+        ASSERT_TRUE(file);
+        Box* stbl = file->track(1)->stbl();
+        auto stsz = stbl->findChild<StszBox>();
+        stsz->sizes.clear();
+        stsz->constantSize = 1;
+        stsz->constantCount = 4'000'000'000u;
+        stbl->findChild<StscBox>()->runs = {{1, 4'000'000'000u, 1}};
+        ASSERT_TRUE(file->close());
+    }
+    {
+        // Closing again does not walk the table of a track it did not write to.
+        auto file = MP4File::modify(path);
+        ASSERT_TRUE(file->close());
+    }
+    auto file = MP4File::read(path);
+    ASSERT_TRUE(file);
+    MP4Track* track = file->track(1);
+    EXPECT_EQ(track->sampleCount(), 4'000'000'000u);
+    SampleInfo info;
+    EXPECT_TRUE(track->sampleInfo(0, info));
+    EXPECT_FALSE(track->sampleInfo(3'999'999'999u, info)) << "beyond the end of the file";
+    std::vector<uint8_t> data;
+    EXPECT_TRUE(track->readSample(2, data));
+    EXPECT_EQ(data, std::vector<uint8_t> {3});
+}

@@ -110,6 +110,7 @@ public:
     void setDurationPerChunk(uint64_t duration) { durationPerChunk_ = duration ? duration : 1; }
     bool writeSample(const uint8_t* data, size_t size, int64_t duration, int64_t renderingOffset, bool isSync,
                      std::optional<uint8_t> dependencyFlags);
+    bool hasNewSamples() const { return samplesWritten_ > 0; }
     // Writes out the samples waiting for their chunk.
     bool flushChunk();
     // Brings headers up to date with the tables (durations, stss, sdtp).
