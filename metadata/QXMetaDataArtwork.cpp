@@ -6,6 +6,7 @@
 
 #include "qxmedia/metadata/QXMetaData.h"
 #include "qxmedia/platform/image/QXImage.h"
+#include "qxmedia/platform/image/QXImageArchiving.h"
 
 QXImageRef QXMetaData::artwork() const
 {
@@ -48,13 +49,5 @@ QXData QXMetaData::artworkData() const
 
 void QXMetaData::installArtworkArchiving()
 {
-    static std::once_flag once;
-    std::call_once(once, [] {
-        QXSetImageArchiveCoding(
-            [](const QXImageRef& image) -> std::optional<QXData> {
-                QXData png = image ? image->PNGRepresentation() : QXData();
-                return png.empty() ? std::nullopt : std::optional<QXData>(std::move(png));
-            },
-            [](const QXData& data) -> QXImageRef { return QXImage::imageWithData(data); });
-    });
+    QXInstallImageArchiveCoding();
 }

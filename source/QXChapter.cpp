@@ -6,29 +6,12 @@
 
 #include "qxmedia/core/QXTimeFormat.h"
 #include "qxmedia/platform/image/QXImage.h"
+#include "qxmedia/platform/image/QXImageArchiving.h"
 
 using namespace qx;
 
 QX_REGISTER_CODING_CLASS(QXChapter);
 
-namespace {
-
-// Archives keep images as PNG, lossless and with alpha. The same pair serves
-// every archived image, whichever class installs it first.
-void installImageArchiving()
-{
-    static std::once_flag once;
-    std::call_once(once, [] {
-        QXSetImageArchiveCoding(
-            [](const QXImageRef& image) -> std::optional<QXData> {
-                QXData png = image ? image->PNGRepresentation() : QXData();
-                return png.empty() ? std::nullopt : std::optional<QXData>(std::move(png));
-            },
-            [](const QXData& data) -> QXImageRef { return QXImage::imageWithData(data); });
-    });
-}
-
-} // namespace
 
 QXChapterRef QXChapter::init()
 {
@@ -89,7 +72,7 @@ QXData QXChapter::imageDataWithSize(double width, double height) const
 
 void QXChapter::encodeWithCoder(QXKeyedArchiver& coder) const
 {
-    installImageArchiving();
+    QXInstallImageArchiveCoding();
     coder.encodeCMTime(timestamp, "timestamp");
     if (title) coder.encodeObject(QXValue(*title), "title");
     if (image) coder.encodeObject(QXValue(image), "image");
@@ -97,7 +80,7 @@ void QXChapter::encodeWithCoder(QXKeyedArchiver& coder) const
 
 QXChapterRef QXChapter::initWithCoder(QXKeyedUnarchiver& coder)
 {
-    installImageArchiving();
+    QXInstallImageArchiveCoding();
     auto chapter = init();
     chapter->timestamp = coder.decodeCMTime("timestamp");
     if (const QXValue title = coder.decodeObject("title"); title.string()) chapter->title = *title.string();
