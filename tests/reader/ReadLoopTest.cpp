@@ -203,3 +203,31 @@ TEST(ReadLoop, SourceGoneBeforeReadingFailsAndStillEndsEveryTrack)
     EXPECT_EQ(reading.movie->error()->code(), ENOENT);
     EXPECT_EQ(reading.total(), 0u);
 }
+
+TEST(ReadLoop, JumpOfMoreThanNineTenthsOfASecondIsADiscontinuity)
+{
+    for (int jump : {900, 1000}) {
+        SCOPED_TRACE(jump);
+        qxtest::LogCapture log;
+        Reading reading(readermedia::videoJump(jump));
+        ASSERT_TRUE(reading.movie);
+        ASSERT_TRUE(reading.movie->startReading());
+        ASSERT_TRUE(reading.waitForEnd());
+        const auto samples = reading.outputs[0]->received();
+        ASSERT_EQ(samples.size(), 50u);
+        const double step = CMTimeGetSeconds(dts(samples[25])) - CMTimeGetSeconds(dts(samples[24]));
+        if (jump == 900) {
+            // Within the tolerance, limit included: the time runs on as it is.
+            EXPECT_EQ(countLines(log, "discontinuty"), 0u);
+            EXPECT_EQ(reading.movie->reader->demux_scr_changes, 0);
+            EXPECT_NEAR(step, 0.9, 1e-9);
+        } else {
+            // Beyond it: without audio the video itself continues the
+            // timeline one frame spacing on.
+            EXPECT_EQ(countLines(log, "demux: discontinuty id 0x0 "), 1u);
+            EXPECT_EQ(reading.movie->reader->demux_scr_changes, 1);
+            EXPECT_GT(step, 0.03);
+            EXPECT_LT(step, 0.05);
+        }
+    }
+}

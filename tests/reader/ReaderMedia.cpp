@@ -101,6 +101,19 @@ std::filesystem::path jumpingTransportStreamStraggler()
     return tsPart("reader-jump-c.ts", 0.5, 3);
 }
 
+std::filesystem::path videoJump(int jumpMs)
+{
+    // The first part's last frame decodes at 1.4 + 0.96 s; the second starts
+    // at 1.4 s plus its offset.
+    auto part = [](const std::string& name, const std::string& offset) {
+        return qxtest::generate(name, "-f lavfi -i testsrc2=size=64x36:rate=25:duration=1" + kH264 +
+                                          " -output_ts_offset " + offset + " -f mpegts");
+    };
+    const std::string offset = jumpMs == 900 ? "1.86" : "1.96";
+    return joined("reader-video-jump-" + std::to_string(jumpMs) + ".ts",
+                  {part("reader-video-0.ts", "0"), part("reader-video-" + offset + ".ts", offset)});
+}
+
 std::filesystem::path longMatroska()
 {
     return qxtest::generate("reader-long.mkv", "-f lavfi -i testsrc2=size=64x36:rate=50:duration=20 " + kTone +
