@@ -5,6 +5,7 @@
 #include "qxmedia/mp4/MP4Log.h"
 
 #include <algorithm>
+#include <ctime>
 
 namespace qx::mp4 {
 
@@ -36,6 +37,12 @@ std::unique_ptr<Box> makeGmhd()
     matrix[32] = 0x40;
     gmhd->addChild(rawBox(fourcc("text"), matrix));
     return gmhd;
+}
+
+// Seconds since 1904-01-01, the epoch of MP4 time stamps.
+uint64_t mp4Now()
+{
+    return uint64_t(std::time(nullptr)) + 2082844800u;
 }
 
 } // namespace
@@ -75,6 +82,7 @@ std::unique_ptr<MP4File> MP4File::create(const std::filesystem::path& path, cons
     auto moov = std::make_unique<ContainerBox>(kMoov);
     auto mvhd = moov->makeChild<MvhdBox>();
     mvhd->timescale = options.timeScale ? options.timeScale : 1000;
+    mvhd->creationTime = mvhd->modificationTime = mp4Now();
     mvhd->nextTrackId = 1;
     if (options.addIods) {
         auto iods = moov->makeChild<IodsBox>();
@@ -93,11 +101,13 @@ MP4Track* MP4File::newTrack(FourCC handler, uint32_t timescale, const std::strin
     auto trak = std::make_unique<ContainerBox>(kTrak);
     auto tkhd = trak->makeChild<TkhdBox>();
     tkhd->trackId = id;
+    tkhd->creationTime = tkhd->modificationTime = mp4Now();
     tkhd->volume = handler == kAudioTrack ? 0x100 : 0;
     if (handler == kAudioTrack) tkhd->alternateGroup = 0;
     Box* mdia = trak->addChild(std::make_unique<ContainerBox>(kMdia));
     auto mdhd = mdia->makeChild<MdhdBox>();
     mdhd->timescale = timescale ? timescale : 1000;
+    mdhd->creationTime = mdhd->modificationTime = mp4Now();
     auto hdlr = mdia->makeChild<HdlrBox>();
     hdlr->handlerType = handler;
     hdlr->name = handlerName;
