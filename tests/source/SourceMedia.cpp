@@ -125,6 +125,12 @@ std::filesystem::path ac3(const std::string& layout, const std::string& options)
                                       layout + " -c:a ac3 " + options);
 }
 
+std::filesystem::path stereoEac3()
+{
+    return qxtest::generate("track-eac3-stereo.mp4", "-f lavfi -i sine=frequency=440:sample_rate=44100:duration=1 "
+                                                     "-af aformat=channel_layouts=stereo -c:a eac3 -b:a 96k");
+}
+
 std::filesystem::path stereoMatroska(const std::string& mode)
 {
     return qxtest::generate("track-stereo-" + mode + ".mkv", std::string(kVideo) +

@@ -31,6 +31,8 @@ std::string srtText();
 // Raw AC-3 from ffmpeg's encoder in one channel layout ("mono", "FC+LFE",
 // "stereo", "2.1", "5.1"), with extra encoder options if given.
 std::filesystem::path ac3(const std::string& layout, const std::string& options = "");
+// MP4 with stereo E-AC-3 at 44.1 kHz, 96 kbit/s.
+std::filesystem::path stereoEac3();
 // Matroska H.264 with a frame-packed stereo mode ("left_right", "top_bottom").
 std::filesystem::path stereoMatroska(const std::string& mode);
 

@@ -533,6 +533,22 @@ TEST(EAC3Track, Dec3OfOneIndependentSubstream)
     EXPECT_EQ(d[3] & 1, 1) << "lfeon";
     EXPECT_EQ(d[4], 0) << "no dependent substreams, reserved bit";
     EXPECT_EQ(eac3->extension_type, 0);
+
+    // Stereo at 44.1 kHz: the same record as the one ffmpeg's muxer wrote.
+    const auto path = sourcemedia::stereoEac3();
+    OpenedInput stereoInput(path);
+    ASSERT_TRUE(stereoInput.context);
+    auto stereo = importTrack<QXEAC3AudioTrack>(stereoInput.context, 0);
+    ASSERT_TRUE(stereo);
+    ASSERT_EQ(stereo->dec3Atom.size(), 5u);
+    EXPECT_EQ(stereo->dec3Atom[2] >> 6, 1) << "fscod 44.1 kHz";
+    EXPECT_EQ((stereo->dec3Atom[3] >> 1) & 7, 2) << "acmod 2/0";
+    EXPECT_EQ(stereo->dec3Atom[3] & 1, 0) << "no LFE";
+    const std::string bytes = qxtest::readFile(path);
+    const size_t at = bytes.find("dec3");
+    ASSERT_NE(at, std::string::npos);
+    const QXData written(bytes.begin() + std::ptrdiff_t(at) + 4, bytes.begin() + std::ptrdiff_t(at) + 4 + 5);
+    EXPECT_EQ(stereo->dec3Atom, written);
 }
 
 // MARK: Subtitles
