@@ -79,6 +79,8 @@ uint32_t addH264(MP4File& file, const Stream& video)
     for (const auto& sps : config.sps) file.addH264SequenceParameterSet(id, sps.data(), uint16_t(sps.size()));
     for (const auto& pps : config.pps) file.addH264PictureParameterSet(id, pps.data(), uint16_t(pps.size()));
     file.setTrackDurationPerChunk(id, uint64_t(video.timeBase.den) / 2);
+    EXPECT_EQ(file.trackDurationPerChunk(id), uint64_t(video.timeBase.den) / 2);
+    EXPECT_EQ(file.trackDurationPerChunk(id + 100), UINT64_MAX);
     return id;
 }
 
@@ -250,6 +252,13 @@ TEST(MP4Write, H264AacAc3SubtitlesAndChaptersAreReadByOtherTools)
         EXPECT_EQ(info.isSync, video.packets[i].key);
         EXPECT_EQ(info.renderingOffset, video.packets[i].pts - video.packets[i].dts);
     }
+    // Interleaved by half a second of video per chunk, audio at one second.
+    auto videoChunks = dynamic_cast<ChunkOffsetBox*>(v->findBox("mdia.minf.stbl.stco"))->offsets;
+    auto audioChunks = dynamic_cast<ChunkOffsetBox*>(back->track(aacId)->findBox("mdia.minf.stbl.stco"))->offsets;
+    EXPECT_EQ(videoChunks.size(), 6u);
+    EXPECT_EQ(audioChunks.size(), 4u); // three full seconds and the encoder delay
+    EXPECT_LT(audioChunks.front(), videoChunks.back());
+    EXPECT_LT(videoChunks.front(), audioChunks.back());
     EXPECT_NE(v->findBox("mdia.minf.stbl.sdtp"), nullptr);
     EXPECT_NE(v->findBox("mdia.minf.stbl.stss"), nullptr);
     EXPECT_EQ(back->track(aacId)->findBox("mdia.minf.stbl.stss"), nullptr) << "all-sync tracks have no stss";
