@@ -160,6 +160,12 @@ int runRead(const Arguments& arguments)
                         CMTimeCopyDescription(line.sink->lastPTS).c_str());
         }
     }
+    // Tracks and their outputs hold each other; once the fan-out is idle
+    // the run is over and the cycle goes.
+    for (const Line& line : lines) {
+        dispatch_sync(line.track->outQueue, [] {});
+        line.track->outputs.clear();
+    }
     movie->releaseReaders();
     if (!started || movie->status == QXMovieStatusFailed) return 1;
     return cancelled ? 130 : 0;
