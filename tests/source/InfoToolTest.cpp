@@ -87,6 +87,8 @@ void compareWithProbe(const std::filesystem::path& source, const std::string& la
     const double containerDuration = number(probe, "format.duration");
     EXPECT_NEAR(number(tool, "duration"), containerDuration, 1e-3);
     EXPECT_EQ(field(tool, "format"), field(probe, "format.format_name"));
+    EXPECT_EQ(field(tool, "fileSize"), field(probe, "format.size"));
+    EXPECT_EQ(field(tool, "bitrate"), field(probe, "format.bit_rate"));
 
     size_t expectedTracks = 0;
     size_t trackCount = 0;

@@ -100,6 +100,7 @@ TEST(TrackWriting, HeaderFieldsNameAndLanguage)
     EXPECT_EQ(matrix[3], -0x10000) << "the 16-bit pattern of -1 turns back into -1";
     EXPECT_EQ(matrix[6], 180 << 16);
     EXPECT_EQ(matrix[8], 0x40000000) << "w is left alone";
+    const size_t entryChildren = written->sampleEntry()->children().size();
     auto* pasp = written->sampleEntryChild<PaspBox>();
     ASSERT_TRUE(pasp);
     EXPECT_EQ(pasp->hSpacing, 4u);
@@ -122,6 +123,23 @@ TEST(TrackWriting, HeaderFieldsNameAndLanguage)
     EXPECT_EQ(audio->flags(), 2u);
     EXPECT_EQ(audio->alternateGroup(), 1) << "audio tracks start in group 1";
     file->close();
+
+    // A second write changes the pasp that the first one added.
+    video->hSpacing = 1;
+    video->vSpacing = 2;
+    {
+        auto again = MP4File::modify(path);
+        ASSERT_TRUE(again);
+        EXPECT_TRUE(video->writeToFile(*again));
+        ASSERT_TRUE(again->close());
+        auto reread = MP4File::read(path);
+        ASSERT_TRUE(reread);
+        auto* changed = reread->track(1)->sampleEntryChild<PaspBox>();
+        ASSERT_TRUE(changed);
+        EXPECT_EQ(changed->hSpacing, 1u);
+        EXPECT_EQ(changed->vSpacing, 2u);
+        EXPECT_EQ(reread->track(1)->sampleEntry()->children().size(), entryChildren) << "no second pasp or colr";
+    }
 
     // ffprobe reads the languages and the enabled flags the same way.
     const std::string probe = probeStreams(path);
