@@ -113,6 +113,12 @@ void compareWithProbe(const std::filesystem::path& source, const std::string& la
         const std::string& track = found->second;
         const int codec = std::stoi(field(tool, track + "codec_id"));
         EXPECT_EQ(avcodec_get_name(AVCodecID(codec)), field(probe, stream + "codec_name")) << track;
+        // The track ID is the stream id ("0x100" in ffprobe's words); Matroska has none.
+        if (const std::string id = field(probe, stream + "id"); !id.empty()) {
+            EXPECT_EQ(std::stol(id, nullptr, 16), std::stol(field(tool, track + "trackID"))) << track;
+        } else {
+            EXPECT_EQ(field(tool, track + "trackID"), "0") << track;
+        }
         if (type == "video") {
             EXPECT_EQ(field(tool, track + "width"), field(probe, stream + "width")) << track;
             EXPECT_EQ(field(tool, track + "height"), field(probe, stream + "height")) << track;
