@@ -121,8 +121,8 @@ std::filesystem::path ac3(const std::string& layout, const std::string& options)
     for (char& c : name) {
         if (c == ' ' || c == '+') c = '_';
     }
-    return qxtest::generate(name, "-f lavfi -i sine=frequency=440:sample_rate=48000:duration=0.5 -af aformat=channel_layouts=" +
-                                      layout + " -c:a ac3 " + options);
+    return qxtest::generate(name, "-f lavfi -i sine=frequency=440:sample_rate=48000:duration=0.5 "
+                                  "-af aformat=channel_layouts=" + layout + " -c:a ac3 " + options);
 }
 
 std::filesystem::path stereoEac3()

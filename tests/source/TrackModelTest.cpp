@@ -488,7 +488,8 @@ TEST(AC3Track, HeaderFieldsForEachChannelMode)
         EXPECT_EQ(ac3->bsmod, 0) << c.layout;
         EXPECT_EQ(ac3->audio_service_type, 0) << c.layout;
         // The bit rate code is the rate's index in A/52's table, whatever ffmpeg chose.
-        static const int rates[] = {32, 40, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384, 448, 512, 576, 640};
+        static const int rates[] = {32,  40,  48,  56,  64,  80,  96,  112, 128, 160,
+                                    192, 224, 256, 320, 384, 448, 512, 576, 640};
         ASSERT_LT(ac3->bit_rate_code, 19) << c.layout;
         EXPECT_EQ(rates[ac3->bit_rate_code] * 1000, input.stream(0)->codecpar->bit_rate) << c.layout;
         EXPECT_EQ(ac3->displayDescription().rfind("Dolby Digital (AC-3)", 0), 0u);
