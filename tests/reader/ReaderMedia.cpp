@@ -1,6 +1,7 @@
 #include "ReaderMedia.h"
 
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 #include "support/TestMedia.h"
@@ -39,7 +40,7 @@ std::filesystem::path joined(const std::string& name, const std::vector<std::fil
         if (part.empty()) return {};
         command += " '" + part.string() + "'";
     }
-    const auto partial = qxtest::mediaDir() / ("partial-" + name);
+    const auto partial = qxtest::mediaDir() / ("partial-" + std::to_string(::getpid()) + "-" + name);
     if (qxtest::run(command + " > '" + partial.string() + "'") != 0) return {};
     std::filesystem::rename(partial, path);
     return path;
@@ -81,7 +82,7 @@ std::filesystem::path cutTransportStream()
     if (std::filesystem::exists(path)) return path;
     // Drop the first tenth, on a transport packet boundary.
     const auto packets = std::filesystem::file_size(whole) / 188;
-    const auto partial = qxtest::mediaDir() / "partial-reader-cut.ts";
+    const auto partial = qxtest::mediaDir() / ("partial-" + std::to_string(::getpid()) + "-reader-cut.ts");
     if (qxtest::run("dd if='" + whole.string() + "' of='" + partial.string() + "' bs=188 skip=" +
                     std::to_string(packets / 10) + " status=none") != 0) {
         return {};
