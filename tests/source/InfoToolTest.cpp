@@ -84,11 +84,20 @@ void compareWithProbe(const std::filesystem::path& source, const std::string& la
     const Fields probe = flattenJson(probeJson, dir);
     ASSERT_FALSE(tool.empty());
 
+    // Absent durations are null on both sides, an absent bit rate is 0 here.
+    auto expectSeconds = [](double actual, double expected, const std::string& what) {
+        if (std::isnan(expected)) {
+            EXPECT_TRUE(std::isnan(actual)) << what << " should have no duration";
+        } else {
+            EXPECT_NEAR(actual, expected, 1e-3) << what;
+        }
+    };
     const double containerDuration = number(probe, "format.duration");
-    EXPECT_NEAR(number(tool, "duration"), containerDuration, 1e-3);
+    expectSeconds(number(tool, "duration"), containerDuration, "movie");
     EXPECT_EQ(field(tool, "format"), field(probe, "format.format_name"));
     EXPECT_EQ(field(tool, "fileSize"), field(probe, "format.size"));
-    EXPECT_EQ(field(tool, "bitrate"), field(probe, "format.bit_rate"));
+    const std::string probeBitrate = field(probe, "format.bit_rate");
+    EXPECT_EQ(field(tool, "bitrate"), probeBitrate.empty() ? "0" : probeBitrate);
 
     size_t expectedTracks = 0;
     size_t trackCount = 0;
@@ -128,9 +137,8 @@ void compareWithProbe(const std::filesystem::path& source, const std::string& la
         }
         // A stream without a duration of its own (Matroska) takes the container's.
         const double streamDuration = number(probe, stream + "duration");
-        EXPECT_NEAR(number(tool, track + "duration"), std::isnan(streamDuration) ? containerDuration : streamDuration,
-                    1e-3)
-            << track;
+        expectSeconds(number(tool, track + "duration"), std::isnan(streamDuration) ? containerDuration : streamDuration,
+                      track);
     }
     EXPECT_EQ(trackCount, expectedTracks);
 }
@@ -146,6 +154,10 @@ TEST(InfoTool, AgreesWithFFprobe)
     compareWithProbe(sourcemedia::m4v(), "m4v");
     compareWithProbe(sourcemedia::coverOnly(), "cover");
     compareWithProbe(sourcemedia::multiTrackMP4(), "multi");
+    // A subtitle file on its own: no durations at all.
+    const auto srt = qxtest::makeTempDir("info-srt-source") / "Film.de.srt";
+    qxtest::writeFile(srt, sourcemedia::srtText());
+    compareWithProbe(srt, "srt");
 }
 
 TEST(InfoTool, FailsOnAMissingFile)
