@@ -12,6 +12,7 @@ extern "C" {
 #include "qxmedia/mp4/MP4SampleEntries.h"
 #include "qxmedia/mp4/MP4Track.h"
 #include "qxmedia/source/QXAC3AudioTrack.h"
+#include "qxmedia/source/QXMovie.h"
 #include "qxmedia/source/QXSubtitleTrack.h"
 #include "qxmedia/source/QXVideoTrack.h"
 #include "support/TestMedia.h"
@@ -139,6 +140,26 @@ TEST(TrackWriting, HeaderFieldsNameAndLanguage)
         EXPECT_EQ(changed->hSpacing, 1u);
         EXPECT_EQ(changed->vSpacing, 2u);
         EXPECT_EQ(reread->track(1)->sampleEntry()->children().size(), entryChildren) << "no second pasp or colr";
+    }
+
+    // Opened again as a movie, the tracks read back what was written.
+    {
+        auto movie = QXMovie::initWithURL(path);
+        ASSERT_TRUE(movie);
+        auto reopened = std::dynamic_pointer_cast<QXVideoTrack>(movie->trackWithID(1));
+        auto surround = std::dynamic_pointer_cast<QXAC3AudioTrack>(movie->trackWithID(2));
+        ASSERT_TRUE(reopened && surround);
+        EXPECT_EQ(reopened->name, "Caf\xc3\xa9 cam\xc3\xa9ra");
+        EXPECT_EQ(reopened->language, "fr");
+        EXPECT_EQ(reopened->flags(), 3u);
+        EXPECT_EQ(reopened->layer, -1);
+        EXPECT_EQ(reopened->transform, video->transform);
+        EXPECT_EQ(reopened->hSpacing, 1u);
+        EXPECT_EQ(reopened->vSpacing, 2u);
+        EXPECT_EQ(reopened->primariesIndex, 9);
+        EXPECT_EQ(reopened->colorRange, 2);
+        EXPECT_FLOAT_EQ(surround->volume, 0.5f);
+        EXPECT_FALSE(surround->enabled);
     }
 
     // ffprobe reads the languages and the enabled flags the same way.
