@@ -1,6 +1,7 @@
 #include "qxmedia/source/QXVideoTrack.h"
 
 #include <cstdio>
+#include <string_view>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -115,6 +116,13 @@ bool QXVideoTrack::importStream(AVFormatContext* context, int index, QXErrorRef*
     frameRate = QXRational {rate.num, rate.den};
 
     if (auto codec = av_dict_get(stream->metadata, "codec_id", nullptr, 0); codec && std::string(codec->value) == "V_MS/VFW/FOURCC") {
+        brokenByMS = true;
+    }
+    // FFmpeg's Matroska demuxer keeps the track's CodecID to itself. Of the
+    // video forms only the Video-for-Windows one (and the rare QuickTime one)
+    // carries a fourcc, which becomes the codec tag; native forms leave it 0.
+    if (context->iformat && std::string_view(context->iformat->name).starts_with("matroska") &&
+        parameters->codec_tag != 0) {
         brokenByMS = true;
     }
     formatFlags = context->iformat ? context->iformat->flags : 0;
