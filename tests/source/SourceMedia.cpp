@@ -125,6 +125,22 @@ std::filesystem::path ac3(const std::string& layout, const std::string& options)
                                   "-af aformat=channel_layouts=" + layout + " -c:a ac3 " + options);
 }
 
+std::filesystem::path vfwMatroska()
+{
+    const auto path = qxtest::mediaDir() / "track-vfw-h264.mkv";
+    if (std::filesystem::exists(path)) return path;
+    const auto avi = qxtest::generate("track-vfw-h264.avi",
+                                      std::string(kVideo) + "-t 1 -c:v libx264 -preset ultrafast -bf 2 -pix_fmt yuv420p");
+    if (avi.empty() || !qxtest::haveTool("mkvmerge")) return {};
+    const auto partial = qxtest::mediaDir() / "partial-track-vfw-h264.mkv";
+    if (qxtest::run("mkvmerge -q --engage allow_avc_in_vfw_mode -o '" + partial.string() + "' '" + avi.string() +
+                    "' >/dev/null 2>&1") > 1) { // 1 is "finished with warnings"
+        return {};
+    }
+    std::filesystem::rename(partial, path);
+    return path;
+}
+
 std::filesystem::path stereoEac3()
 {
     return qxtest::generate("track-eac3-stereo.mp4", "-f lavfi -i sine=frequency=440:sample_rate=44100:duration=1 "

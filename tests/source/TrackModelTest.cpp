@@ -249,6 +249,23 @@ TEST(VideoTrack, H264FromAnMP4HasItsParameterSets)
     EXPECT_TRUE(video->isMuxable());
 }
 
+TEST(VideoTrack, VideoForWindowsFormInMatroska)
+{
+    // Its timestamps are those of AVI, without the reordering of B-frames.
+    const auto path = sourcemedia::vfwMatroska();
+    if (path.empty()) GTEST_SKIP() << "mkvmerge is needed for this source";
+    OpenedInput input(path);
+    ASSERT_TRUE(input.context);
+    auto video = importTrack<QXVideoTrack>(input.context, 0);
+    ASSERT_TRUE(video);
+    EXPECT_EQ(video->codec_id, AV_CODEC_ID_H264);
+    EXPECT_TRUE(video->brokenByMS);
+
+    OpenedInput native(sourcemedia::matroska());
+    ASSERT_TRUE(native.context);
+    EXPECT_FALSE(importTrack<QXVideoTrack>(native.context, kVideoStream)->brokenByMS);
+}
+
 TEST(VideoTrack, LevelAndProfileInTheDescription)
 {
     auto video = QXVideoTrack::init();
