@@ -1,10 +1,12 @@
 #include "SourceMedia.h"
 
-#include "support/TestMedia.h"
+#include <unistd.h>
 
 extern "C" {
 #include <libavformat/avformat.h>
 }
+
+#include "support/TestMedia.h"
 
 namespace sourcemedia {
 
@@ -132,7 +134,7 @@ std::filesystem::path vfwMatroska()
     const auto avi = qxtest::generate("track-vfw-h264.avi",
                                       std::string(kVideo) + "-t 1 -c:v libx264 -preset ultrafast -bf 2 -pix_fmt yuv420p");
     if (avi.empty() || !qxtest::haveTool("mkvmerge")) return {};
-    const auto partial = qxtest::mediaDir() / "partial-track-vfw-h264.mkv";
+    const auto partial = qxtest::mediaDir() / ("partial-" + std::to_string(::getpid()) + "-track-vfw-h264.mkv");
     if (qxtest::run("mkvmerge -q --engage allow_avc_in_vfw_mode -o '" + partial.string() + "' '" + avi.string() +
                     "' >/dev/null 2>&1") > 1) { // 1 is "finished with warnings"
         return {};
