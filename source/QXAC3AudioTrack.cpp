@@ -146,14 +146,101 @@ void addDependentFrame(EAC3Analysis::Substream& entry, const uint8_t* frame, siz
 
 } // namespace
 
-int qx_eac3_parse_addbsi(const uint8_t* frame, size_t size, uint8_t* extensionFlag, uint8_t* complexityIndex)
+int qx_eac3_parse_addbsi(BitReader& reader, const AC3HeaderInfo& header, uint8_t* extensionFlag,
+                         uint8_t* complexityIndex)
 {
-    AC3BitstreamInfo info;
-    if (parseAC3BitstreamInfo(frame, size, info) < 0) return 0;
-    if (info.header.bitstream_id != 16 || !info.addbsie || info.addbsi.empty()) return 0;
-    if (info.addbsi[0] & 1) {
-        *extensionFlag = 1;
-        *complexityIndex = info.addbsi.size() > 1 ? info.addbsi[1] : 0;
+    if (header.bitstream_id != 16) return 0;
+    const unsigned acmod = header.channel_mode;
+    const unsigned strmtyp = header.frame_type;
+    const unsigned numblks = header.num_blocks;
+    // A flag bit, and `bits` more when it is set.
+    auto optional = [&](unsigned bits) {
+        if (reader.readBit()) reader.skip(bits);
+    };
+
+    reader.seek(50);
+    optional(8); // compre, compr
+    if (acmod == 0) {
+        reader.skip(5); // dialnorm2
+        optional(8);    // compr2e, compr2
+    }
+    if (strmtyp == 1) optional(16); // chanmape, chanmap
+    if (reader.readBit()) {         // mixmdate
+        if (acmod >= 3) {
+            reader.skip(2); // dmixmod
+            if (acmod & 1) reader.skip(6);
+            if (acmod & 4) reader.skip(6);
+        }
+        if (header.lfe_on) optional(5); // lfemixlevcode
+        if (strmtyp == 0) {
+            optional(6); // pgmscl
+            if (acmod == 0) optional(6);
+            optional(6); // extpgmscl
+            const unsigned mixdef = reader.read(2);
+            if (mixdef == 1) {
+                reader.skip(5);
+            } else if (mixdef == 2) {
+                reader.skip(12);
+            } else if (mixdef == 3) {
+                const unsigned mixdeflen = reader.read(5);
+                if (reader.readBit()) { // mixdata2e
+                    reader.skip(5);
+                    for (int scale = 0; scale < 7; ++scale) optional(4);
+                    if (reader.readBit()) { // addche
+                        optional(4);
+                        optional(4);
+                    }
+                }
+                if (reader.readBit()) { // mixdata3e
+                    reader.skip(5);
+                    if (reader.readBit()) { // addspchdate
+                        reader.skip(7);
+                        optional(8); // addspchdat1e
+                    }
+                }
+                reader.skip(8 * mixdeflen + 16);
+                reader.alignToByte();
+            }
+            if (acmod < 2) {
+                optional(14); // paninfo
+                if (acmod == 0) optional(14);
+            }
+            if (reader.readBit()) { // frmmixcfginfoe
+                if (numblks == 1) {
+                    reader.skip(5);
+                } else {
+                    for (unsigned block = 0; block < numblks; ++block) optional(5);
+                }
+            }
+        }
+    }
+    if (reader.readBit()) {  // infomdate
+        reader.skip(5);      // bsmod, copyrightb, origbs
+        if (acmod == 2) reader.skip(4);
+        if (acmod >= 6) reader.skip(2);
+        optional(8); // audprodie
+        if (acmod == 0) optional(8);
+        if (header.sr_code < 3) reader.skip(1);
+    }
+    if (strmtyp == 0 && numblks != 6) reader.skip(1); // convsync
+    if (strmtyp == 2) {
+        if (numblks == 6) {
+            reader.skip(6);
+        } else {
+            optional(6); // blkid, frmsizecod
+        }
+    }
+    if (reader.readBit()) { // addbsie
+        const unsigned length = reader.read(6) + 1;
+        uint8_t addbsi[2] = {};
+        for (unsigned i = 0; i < length; ++i) {
+            const auto byte = uint8_t(reader.read(8));
+            if (i < 2) addbsi[i] = byte;
+        }
+        if (addbsi[0] & 1) {
+            *extensionFlag = 1;
+            *complexityIndex = length > 1 ? addbsi[1] : 0;
+        }
     }
     return 0;
 }
@@ -334,7 +421,8 @@ void QXEAC3AudioTrack::parseEAC3HeaderWithFormatContext(AVFormatContext* context
             continue;
         }
         AC3HeaderInfo header;
-        if (int rc = parseAC3Header(data, size, header); rc < 0) {
+        BitReader reader(data, size);
+        if (int rc = parseAC3Header(reader, header); rc < 0) {
             QXLogInfo("Parsing of EAC3 stream failed: %d!", rc);
             av_packet_unref(packet);
             continue;
@@ -342,7 +430,7 @@ void QXEAC3AudioTrack::parseEAC3HeaderWithFormatContext(AVFormatContext* context
         uint8_t extension = 0;
         uint8_t complexity = 0;
         extension_type = 0;
-        qx_eac3_parse_addbsi(data, size, &extension, &complexity);
+        qx_eac3_parse_addbsi(reader, header, &extension, &complexity);
         extension_type = extension;
         analysis.extension |= extension;
         analysis.complexity = std::max(analysis.complexity, complexity);

@@ -60,8 +60,14 @@ protected:
     void copyFrom(const QXTrack& other) override;
 };
 
-// The walk over an E-AC-3 frame's bit stream information up to its
-// additional bsi, where the object-audio mark lives. Sets the flag and the
-// complexity index only for a frame with bsid 16 that has additional bsi.
-// Returns 0.
-int qx_eac3_parse_addbsi(const uint8_t* frame, size_t size, uint8_t* extensionFlag, uint8_t* complexityIndex);
+namespace qx {
+class BitReader;
+struct AC3HeaderInfo;
+} // namespace qx
+
+// The walk over an E-AC-3 frame's bit stream information (from bit 50, after
+// dialnorm) to its additional bsi, where the object-audio mark lives. Sets
+// the flag and the complexity index only for a frame with bsid 16 whose
+// additional bsi has the mark. Returns 0.
+int qx_eac3_parse_addbsi(qx::BitReader& reader, const qx::AC3HeaderInfo& header, uint8_t* extensionFlag,
+                         uint8_t* complexityIndex);
