@@ -76,26 +76,11 @@ void drawProgress(double fraction)
 
 int runRead(const Arguments& arguments)
 {
-    bool asJson = false;
-    std::vector<QXURL> urls;
-    for (const std::string& argument : arguments) {
-        if (argument == "--json") {
-            asJson = true;
-        } else {
-            urls.emplace_back(argument);
-        }
-    }
-    if (urls.empty()) {
-        std::fprintf(stderr, "usage: qxconvert read FILE... [--json]\n");
-        return 2;
-    }
-    QXErrorRef error;
-    auto movie = QXMovie::initWithURLs(urls, &error);
-    if (!movie) {
-        std::fprintf(stderr, "qxconvert: cannot open %s: %s\n", urls.front().c_str(),
-                     error ? error->localizedDescription().c_str() : "unknown error");
-        return 1;
-    }
+    const std::unique_ptr<MovieArguments> parsed = parseMovieArguments(arguments, "read");
+    if (!parsed) return 2;
+    const bool asJson = parsed->asJson;
+    auto movie = openMovie(parsed->urls);
+    if (!movie) return 1;
 
     struct Line {
         QXTrackRef track;
