@@ -104,6 +104,7 @@ public:
     {
         std::unique_lock guard(lock_);
         items_.push_back({std::move(block), nullptr});
+        queued_.store(items_.size(), std::memory_order_release);
         if (active_) {
             if (!lingering_) return;
             // Notify after the unlock, so the woken thread does not run into
@@ -137,6 +138,7 @@ public:
             } else {
                 mustWait = true;
                 items_.push_back({nullptr, &turn});
+                queued_.store(items_.size(), std::memory_order_release);
             }
         }
         if (mustWait) turn.wait();
@@ -163,8 +165,15 @@ private:
         std::unique_lock lock(lock_);
         for (;;) {
             if (items_.empty()) {
-                // Keep the thread a moment: in a pipeline the next block is
-                // usually on its way, and a wake-up here is cheaper than
+                // In a pipeline the next block is usually on its way within
+                // microseconds: look for it briefly before parking, so that
+                // the producer's async needs no wake-up.
+                lock.unlock();
+                detail::spinBriefly([this] { return queued_.load(std::memory_order_acquire) != 0; });
+                lock.lock();
+            }
+            if (items_.empty()) {
+                // Keep the thread a moment: a wake-up here is cheaper than
                 // borrowing a thread again.
                 lingering_ = true;
                 wake_.wait_for(lock, lingerTime, [this] { return !items_.empty() || !lingering_; });
@@ -177,6 +186,7 @@ private:
             }
             Item item = std::move(items_.front());
             items_.pop_front();
+            queued_.store(items_.size(), std::memory_order_release);
             lock.unlock();
             if (item.turn) {
                 item.turn->grant(); // the waiting caller owns the queue now
@@ -208,6 +218,7 @@ private:
     std::mutex lock_;
     std::condition_variable wake_; // the lingering drain thread waits here
     std::deque<Item> items_;
+    std::atomic<size_t> queued_ {0}; // items_.size(), readable without the lock
     bool active_ = false;    // a thread (or a dispatch_sync caller) owns the queue
     bool lingering_ = false; // the owning thread waits for more work
 };

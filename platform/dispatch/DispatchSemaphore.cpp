@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <thread>
 
 #include "DispatchThreads.h"
 
@@ -18,6 +19,11 @@ public:
 
     long wait(dispatch_time_t timeout)
     {
+        // A pipeline stage usually gets its count back within microseconds:
+        // look for it briefly before going to sleep on the condition.
+        if (timeout == DISPATCH_TIME_FOREVER) {
+            detail::spinBriefly([this] { return value_.load(std::memory_order_acquire) > 0; });
+        }
         if (value_.fetch_sub(1, std::memory_order_acq_rel) > 0) return 0;
         const auto deadline = detail::deadlineOf(timeout);
         detail::BlockingScope blocking;

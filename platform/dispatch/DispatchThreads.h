@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include <sys/types.h>
@@ -22,6 +23,25 @@
 namespace qx::detail {
 
 // Prints "qx::dispatch: <message>" to stderr and aborts.
+// Spins until ready() or the budget is spent: first on the processor (a
+// hand-over between pipeline stages usually takes well under a microsecond
+// to arrive), then yielding to other threads. True when ready() became true.
+template <class Ready>
+bool spinBriefly(Ready ready)
+{
+    for (int spin = 0; spin < 256; ++spin) {
+        if (ready()) return true;
+#if defined(__x86_64__) || defined(__i386__)
+        __builtin_ia32_pause();
+#endif
+    }
+    for (int spin = 0; spin < 64; ++spin) {
+        if (ready()) return true;
+        std::this_thread::yield();
+    }
+    return ready();
+}
+
 [[noreturn]] void dispatchFatal(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // The monotonic deadline of a dispatch time; nothing for FOREVER.
