@@ -15,6 +15,7 @@ extern "C" {
 #include "qxmedia/core/QXMedia.h"
 #include "qxmedia/platform/coremedia/CMBlockBuffer.h"
 #include "qxmedia/reader/QXMovieReader.h"
+#include "qxmedia/source/QXReadErrorBudget.h"
 #include "qxmedia/reader/QXTrackReader.h"
 #include "qxmedia/source/QXMovie.h"
 #include "qxmedia/source/QXVideoTrack.h"
@@ -25,8 +26,6 @@ namespace {
 
 // Packets of this size and more are damage, not media.
 constexpr int kMaxPacketSize = 32 << 20;
-// Read failures that the loop survives over a whole read.
-constexpr int kReadErrorBudget = 11;
 // Progress is reported at most this often.
 constexpr double kProgressInterval = 0.25;
 constexpr size_t kHashBlock = 65536;
@@ -55,6 +54,32 @@ std::string sampleDescription(const CMSampleBufferRef& sample)
     return "{pts " + CMTimeCopyDescription(CMSampleBufferGetPresentationTimeStamp(sample)) + ", dts " +
            CMTimeCopyDescription(CMSampleBufferGetDecodeTimeStamp(sample)) + ", " +
            std::to_string(CMSampleBufferGetTotalSampleSize(sample)) + " bytes}";
+}
+
+// A block over the packet's bytes. A reference-counted packet hands its
+// buffer over, so the bytes are not copied and go back to FFmpeg when the
+// last sample over them is gone; a packet without one is copied.
+OSStatus blockBufferTakingPacketData(AVPacket* packet, CMBlockBufferRef* blockOut)
+{
+    const size_t size = size_t(packet->size);
+    AVBufferRef* buffer = packet->buf;
+    if (!buffer || size == 0) {
+        OSStatus status = CMBlockBufferCreateWithMemoryBlock(nullptr, nullptr, size, nullptr, nullptr, 0, size,
+                                                             kCMBlockBufferAssureMemoryNowFlag, blockOut);
+        if (status == 0 && size != 0) status = CMBlockBufferReplaceDataBytes(packet->data, *blockOut, 0, size);
+        return status;
+    }
+    CMBlockBufferCustomBlockSource source;
+    source.FreeBlock = [](void* refCon, void*, size_t) {
+        auto* doomed = static_cast<AVBufferRef*>(refCon);
+        av_buffer_unref(&doomed);
+    };
+    source.refCon = buffer;
+    const OSStatus status =
+        CMBlockBufferCreateWithMemoryBlock(nullptr, buffer->data, buffer->size, nullptr, &source,
+                                           size_t(packet->data - buffer->data), size, 0, blockOut);
+    if (status == 0) packet->buf = nullptr; // the block holds the reference now
+    return status;
 }
 
 struct InputCloser {
@@ -104,7 +129,7 @@ void QXMovie::readLoop(AVFormatContext* openedContext)
     AVFormatContext* context = input.context;
     lastDTS_ = kCMTimeInvalid;
     jumpDTS_ = kCMTimeInvalid;
-    int errors = 0;
+    QXReadErrorBudget errors;
     double lastProgress = double(av_gettime_relative()) / 1e6;
     AVPacket* packet = av_packet_alloc();
     while (context && packet && status <= QXMovieStatusReading) {
@@ -116,16 +141,15 @@ void QXMovie::readLoop(AVFormatContext* openedContext)
         if (rc == AVERROR_EOF) break;
         if (rc < 0) {
             QXLogWarning("%s Error reading frame: %s", __func__, errorText(rc).c_str());
-            if (errors < kReadErrorBudget) {
-                if (rc == AVERROR(EAGAIN)) {
-                    QXLogWarning("Resource temporarily unavailable!");
-                    av_usleep(10000);
-                } else {
-                    ++errors;
-                }
+            const QXReadErrorBudget::Answer answer = errors.answer(rc);
+            if (answer == QXReadErrorBudget::Answer::RetryAfterPause) {
+                QXLogWarning("Resource temporarily unavailable!");
+                av_usleep(10000);
+            }
+            if (answer == QXReadErrorBudget::Answer::Retry || answer == QXReadErrorBudget::Answer::RetryAfterPause) {
                 continue;
             }
-            if (rc == AVERROR(EIO)) {
+            if (answer == QXReadErrorBudget::Answer::StopKeepingRead) {
                 QXLogWarning("Ignoring Input/output error!");
             } else {
                 status = QXMovieStatusFailed;
@@ -157,16 +181,13 @@ void QXMovie::readLoop(AVFormatContext* openedContext)
     finishReading();
 }
 
-void QXMovie::deliverPacket(AVFormatContext* context, const AVPacket* packet)
+void QXMovie::deliverPacket(AVFormatContext* context, AVPacket* packet)
 {
     const AVStream* stream = context->streams[packet->stream_index];
     QXTrackRef track = streams[size_t(packet->stream_index)].lock();
 
-    // The sample owns its bytes, apart from FFmpeg's packet.
     CMBlockBufferRef block;
-    OSStatus status = CMBlockBufferCreateWithMemoryBlock(nullptr, nullptr, size_t(packet->size), nullptr, nullptr, 0,
-                                                         size_t(packet->size), kCMBlockBufferAssureMemoryNowFlag, &block);
-    if (status == 0) status = CMBlockBufferReplaceDataBytes(packet->data, block, 0, size_t(packet->size));
+    OSStatus status = blockBufferTakingPacketData(packet, &block);
     if (status != 0) {
         QXMedia::errorWithDomain(NSOSStatusErrorDomain, status);
         return;

@@ -5,12 +5,17 @@
 
 #include <numeric>
 
+extern "C" {
+#include <libavutil/error.h>
+}
+
 #include "ReaderMedia.h"
 #include "ReaderSupport.h"
 #include "qxmedia/reader/QXMovieReader.h"
 #include "qxmedia/reader/QXTrackReader.h"
 #include "qxmedia/source/QXAudioTrack.h"
 #include "qxmedia/source/QXMovie.h"
+#include "qxmedia/source/QXReadErrorBudget.h"
 #include "qxmedia/source/QXVideoTrack.h"
 #include "support/TestMedia.h"
 
@@ -230,4 +235,64 @@ TEST(ReadLoop, JumpOfMoreThanNineTenthsOfASecondIsADiscontinuity)
             EXPECT_LT(step, 0.05);
         }
     }
+}
+
+TEST(ReadLoop, SamplesCarryThePacketBytesAlsoWhenPacketsShareABuffer)
+{
+    // mkvmerge laces audio: several packets point into one block, each at
+    // its own offset.
+    const auto path = readermedia::lacedMatroska();
+    const auto expected = ffprobePacketHashes(path);
+    Reading reading(path);
+    ASSERT_TRUE(reading.movie);
+    ASSERT_EQ(expected.size(), reading.outputs.size());
+    ASSERT_TRUE(reading.movie->startReading());
+    ASSERT_TRUE(reading.waitForEnd());
+    for (size_t i = 0; i < expected.size(); ++i) {
+        SCOPED_TRACE(reading.movie->tracks[i]->description());
+        std::vector<std::string> hashes;
+        for (const auto& sample : reading.outputs[i]->received()) hashes.push_back(md5Of(sample));
+        EXPECT_EQ(hashes, expected[i]);
+    }
+}
+
+TEST(ReadLoop, ElevenFailedReadsAreReadPastAndAnInputErrorThenEndsKeepingWhatWasRead)
+{
+    // After the first part of the list, the concat demuxer fails to open the
+    // second and then answers every read with an input/output error.
+    const auto path = readermedia::concatWithMissingPart();
+    const auto firstPart = ffprobePacketCounts(readermedia::matroska());
+    qxtest::LogCapture log;
+    Reading reading(path);
+    ASSERT_TRUE(reading.movie);
+    ASSERT_EQ(reading.outputs.size(), firstPart.size());
+    ASSERT_TRUE(reading.movie->startReading());
+    ASSERT_TRUE(reading.waitForEnd());
+
+    EXPECT_EQ(countLines(log, "Error reading frame"), size_t(QXReadErrorBudget::kTolerated + 1));
+    EXPECT_EQ(countLines(log, "Ignoring Input/output error!"), 1u);
+    EXPECT_EQ(reading.movie->status, QXMovieStatusFinished) << "what was read is kept";
+    ASSERT_TRUE(reading.movie->error());
+    EXPECT_EQ(reading.movie->error()->code(), AVERROR(EIO));
+    for (size_t i = 0; i < firstPart.size(); ++i) {
+        EXPECT_EQ(reading.outputs[i]->count(), firstPart[i]) << "stream " << i;
+        EXPECT_TRUE(reading.outputs[i]->ended());
+    }
+}
+
+TEST(ReadLoop, ErrorBudgetToleratesElevenFailuresAndWaitsOutABusySource)
+{
+    const int io = AVERROR(EIO);
+    const int invalid = AVERROR_INVALIDDATA;
+    const int busy = AVERROR(EAGAIN);
+    using Answer = QXReadErrorBudget::Answer;
+
+    QXReadErrorBudget budget;
+    for (int i = 0; i < 30; ++i) EXPECT_EQ(budget.answer(busy), Answer::RetryAfterPause) << "not counted";
+    for (int i = 0; i < QXReadErrorBudget::kTolerated; ++i) EXPECT_EQ(budget.answer(i % 2 ? io : invalid), Answer::Retry);
+    EXPECT_EQ(budget.failures(), QXReadErrorBudget::kTolerated);
+    // Spent: what ends the read depends on the failure.
+    EXPECT_EQ(budget.answer(io), Answer::StopKeepingRead);
+    EXPECT_EQ(budget.answer(invalid), Answer::Fail);
+    EXPECT_EQ(budget.answer(busy), Answer::Fail) << "a busy source is no longer waited for";
 }

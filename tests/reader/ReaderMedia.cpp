@@ -56,6 +56,29 @@ std::filesystem::path matroska()
                                                      " -c:a:0 ac3 -c:a:1 aac -c:s srt");
 }
 
+std::filesystem::path lacedMatroska()
+{
+    const auto path = qxtest::mediaDir() / "reader-laced.mkv";
+    const auto source = matroska();
+    if (std::filesystem::exists(path) || source.empty()) return path;
+    const auto partial = qxtest::mediaDir() / ("partial-" + std::to_string(::getpid()) + "-reader-laced.mkv");
+    if (qxtest::run("mkvmerge -q -o '" + partial.string() + "' '" + source.string() + "'") != 0) return {};
+    std::filesystem::rename(partial, path);
+    return path;
+}
+
+std::filesystem::path concatWithMissingPart()
+{
+    const auto path = qxtest::mediaDir() / "reader-missing-part.ffconcat";
+    const auto first = matroska();
+    if (first.empty()) return {};
+    if (!std::filesystem::exists(path)) {
+        qxtest::writeFile(path, "ffconcat version 1.0\nfile '" + first.filename().string() +
+                                    "'\nfile 'reader-never-made.mkv'\n");
+    }
+    return path;
+}
+
 std::filesystem::path subtitleFile()
 {
     return srtFile();

@@ -7,6 +7,12 @@ namespace readermedia {
 
 // Matroska: H.264, AC-3, AAC, SRT; 4 s.
 std::filesystem::path matroska();
+// matroska() remuxed by mkvmerge, which laces audio: several packets of
+// one block share a buffer.
+std::filesystem::path lacedMatroska();
+// A concat list of matroska() and a part that does not exist: reading it
+// fails for good once the first part is done.
+std::filesystem::path concatWithMissingPart();
 // SubRip: two cues, the last at 2.5 s.
 std::filesystem::path subtitleFile();
 // MP4: H.264 with B-frames, AAC; 4 s.

@@ -1,5 +1,9 @@
 #include "ReaderSupport.h"
 
+extern "C" {
+#include <libavutil/md5.h>
+}
+
 #include <sstream>
 #include <thread>
 
@@ -155,6 +159,40 @@ std::vector<ProbedPacket> ffprobePackets(const std::filesystem::path& file)
         packets.push_back({std::stoi(line.substr(0, comma)), line.find('K', comma) != std::string::npos});
     }
     return packets;
+}
+
+std::vector<std::vector<std::string>> ffprobePacketHashes(const std::filesystem::path& file)
+{
+    std::string output;
+    qxtest::run("ffprobe -v error -show_data_hash MD5 -show_entries packet=stream_index,data_hash -of csv=p=0 '" +
+                    file.string() + "' 2>/dev/null",
+                &output);
+    std::vector<std::vector<std::string>> hashes;
+    std::istringstream lines(output);
+    for (std::string line; std::getline(lines, line);) {
+        const size_t comma = line.find(",MD5:");
+        if (comma == std::string::npos) continue;
+        const auto stream = size_t(std::stoi(line.substr(0, comma)));
+        if (hashes.size() <= stream) hashes.resize(stream + 1);
+        hashes[stream].push_back(line.substr(comma + 5));
+    }
+    return hashes;
+}
+
+std::string md5Of(const qx::CMSampleBufferRef& sample)
+{
+    char* data = nullptr;
+    size_t length = 0;
+    qx::CMBlockBufferGetDataPointer(qx::CMSampleBufferGetDataBuffer(sample), 0, nullptr, &length, &data);
+    uint8_t digest[16];
+    av_md5_sum(digest, reinterpret_cast<const uint8_t*>(data), length);
+    std::string hex;
+    for (uint8_t byte : digest) {
+        static const char digits[] = "0123456789abcdef";
+        hex += digits[byte >> 4];
+        hex += digits[byte & 15];
+    }
+    return hex;
 }
 
 } // namespace readertest

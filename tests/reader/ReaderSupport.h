@@ -67,5 +67,9 @@ struct ProbedPacket {
     bool key;
 };
 std::vector<ProbedPacket> ffprobePackets(const std::filesystem::path& file);
+// The MD5 of every packet's bytes (lowercase hex), per stream, in order.
+std::vector<std::vector<std::string>> ffprobePacketHashes(const std::filesystem::path& file);
+// The MD5 of a sample's bytes, in the same form.
+std::string md5Of(const qx::CMSampleBufferRef& sample);
 
 } // namespace readertest

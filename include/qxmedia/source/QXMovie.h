@@ -117,7 +117,7 @@ private:
     void readSubtitleOnlyLanguage();
 
     void readLoop(AVFormatContext* context);
-    void deliverPacket(AVFormatContext* context, const AVPacket* packet);
+    void deliverPacket(AVFormatContext* context, AVPacket* packet);
     // False when the sample is a straggler of a timeline that was left.
     bool passesDiscontinuityCheck(const qx::CMSampleBufferRef& sample, int streamIndex, qx::CMTime dts);
 
