@@ -101,7 +101,7 @@ OSStatus CMBlockBufferAppendMemoryBlock(const CMBlockBufferRef& buffer, void* me
     buffer->offset_ = offsetToData;
     buffer->dataLength_ = dataLength;
     buffer->blockAllocator_ = blockAllocator;
-    if (customBlockSource) buffer->source_ = std::make_unique<CMBlockBufferCustomBlockSource>(*customBlockSource);
+    if (customBlockSource) buffer->source_ = *customBlockSource;
     if (flags & kCMBlockBufferAssureMemoryNowFlag) {
         const OSStatus status = CMBlockBufferAssureBlockMemory(buffer);
         if (status != kCMBlockBufferNoErr) {

@@ -12,6 +12,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 
 #include "qxmedia/platform/coremedia/CMBase.h"
 
@@ -117,7 +118,7 @@ private:
     size_t offset_ = 0;
     size_t dataLength_ = 0;
     CFAllocatorRef blockAllocator_ = kCFAllocatorDefault;
-    std::unique_ptr<CMBlockBufferCustomBlockSource> source_;
+    std::optional<CMBlockBufferCustomBlockSource> source_; // inline: one allocation less per buffer
 };
 
 } // namespace qx
