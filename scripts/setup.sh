@@ -8,7 +8,7 @@ PACKAGES=(
   libavformat-dev libavcodec-dev libavutil-dev libswresample-dev libswscale-dev ffmpeg
   libicu-dev libplist-dev libpugixml-dev libcld2-dev libsqlite3-dev
   libebml-dev libmatroska-dev libtesseract-dev libleptonica-dev tesseract-ocr tesseract-ocr-eng
-  libgtest-dev libgmock-dev libbenchmark-dev time linux-perf
+  libgtest-dev libgmock-dev libbenchmark-dev libgoogle-perftools-dev time linux-perf
   atomicparsley mediainfo mkvtoolnix dvdauthor fonts-dejavu-core python3
 )
 
