@@ -117,6 +117,8 @@ private:
     void readSubtitleOnlyLanguage();
 
     void readLoop(AVFormatContext* context);
+    // False for a packet that is damage or belongs to no stream.
+    bool acceptPacket(const AVPacket* packet) const;
     void deliverPacket(AVFormatContext* context, AVPacket* packet);
     // False when the sample is a straggler of a timeline that was left.
     bool passesDiscontinuityCheck(const qx::CMSampleBufferRef& sample, int streamIndex, qx::CMTime dts);
