@@ -23,21 +23,20 @@
 namespace qx::detail {
 
 // Prints "qx::dispatch: <message>" to stderr and aborts.
-// Spins until ready() or the budget is spent: first on the processor (a
-// hand-over between pipeline stages usually takes well under a microsecond
-// to arrive), then yielding to other threads. True when ready() became true.
+// Spins on the processor until ready() or a microsecond or two have passed:
+// within a burst of work a hand-over between pipeline stages arrives that
+// fast, and catching it saves a futex wake-up and a context switch. Longer
+// spins and yield loops were tried and dropped: they burn processor time
+// that encoders and the read loop need, and on two cores the yields turn
+// into a storm of context switches. True when ready() became true.
 template <class Ready>
 bool spinBriefly(Ready ready)
 {
-    for (int spin = 0; spin < 256; ++spin) {
+    for (int spin = 0; spin < 64; ++spin) {
         if (ready()) return true;
 #if defined(__x86_64__) || defined(__i386__)
         __builtin_ia32_pause();
 #endif
-    }
-    for (int spin = 0; spin < 64; ++spin) {
-        if (ready()) return true;
-        std::this_thread::yield();
     }
     return ready();
 }
