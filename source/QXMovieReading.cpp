@@ -17,9 +17,9 @@ extern "C" {
 #include "qxmedia/core/QXMedia.h"
 #include "qxmedia/platform/coremedia/CMBlockBuffer.h"
 #include "qxmedia/reader/QXMovieReader.h"
-#include "qxmedia/source/QXReadErrorBudget.h"
 #include "qxmedia/reader/QXTrackReader.h"
 #include "qxmedia/source/QXMovie.h"
+#include "qxmedia/source/QXReadErrorBudget.h"
 #include "qxmedia/source/QXVideoTrack.h"
 
 using namespace qx;
@@ -89,9 +89,11 @@ OSStatus blockBufferTakingPacketData(AVPacket* packet, CMBlockBufferRef* blockOu
 // for a run and finds the next sample waiting while it works, instead of
 // parking and being woken for every packet. That saves a third of the
 // processor time of a remux and keeps wake-ups off the read loop's thread.
+// A run also ends at 4 MiB, so raw video does not hold 64 big frames.
 class PacketRun {
 public:
     static constexpr int kCapacity = 64;
+    static constexpr size_t kMaxBytes = 4 << 20;
 
     PacketRun()
     {
@@ -112,14 +114,19 @@ public:
     // last result: a failure or the end comes after the packets before it.
     int read(AVFormatContext* context)
     {
-        int rc = 0;
-        while (count_ < kCapacity && (rc = av_read_frame(context, packets_[size_t(count_)])) >= 0) ++count_;
-        return rc;
+        while (count_ < kCapacity && bytes_ < kMaxBytes) {
+            AVPacket* packet = packets_[size_t(count_)];
+            if (const int rc = av_read_frame(context, packet); rc < 0) return rc;
+            bytes_ += size_t(std::max(packet->size, 0));
+            ++count_;
+        }
+        return 0;
     }
     void clear()
     {
         for (int i = 0; i < count_; ++i) av_packet_unref(packets_[size_t(i)]);
         count_ = 0;
+        bytes_ = 0;
     }
     AVPacket* const* begin() const { return packets_.data(); }
     AVPacket* const* end() const { return packets_.data() + count_; }
@@ -127,6 +134,7 @@ public:
 private:
     std::array<AVPacket*, kCapacity> packets_ {};
     int count_ = 0;
+    size_t bytes_ = 0;
 };
 
 struct InputCloser {
@@ -217,7 +225,6 @@ void QXMovie::readLoop(AVFormatContext* openedContext)
             break;
         }
     }
-    run.clear();
     avformat_close_input(&input.context);
     if (progress) progress->setCompletedUnitCount(progress->totalUnitCount());
     finishReading();
