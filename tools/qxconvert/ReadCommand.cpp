@@ -1,5 +1,5 @@
 // qxconvert read FILE [--json]: reads the whole source through the reading
-// pipeline (read loop, movie reader, one output per track, one channel per
+// pipeline (read loop, movie reader, one pass-through output and one channel per
 // track) into counting sinks, and prints per track what arrived.
 
 #include <atomic>
@@ -90,7 +90,9 @@ int runRead(const Arguments& arguments)
     std::vector<Line> lines;
     dispatch_group_t group = dispatch_group_create();
     for (const QXTrackRef& track : movie->tracks) {
-        auto output = QXTrackReaderOutput::initWithSource(track, track, false);
+        // The pass-through base: this command measures the pipeline itself, not
+        // what a copying or converting output does to the samples.
+        auto output = QXTrackReaderOutput::initWithSource(track);
         track->addOutput(output);
         auto sink = std::make_shared<CountingSink>();
         auto channel = QXSampleBufferChannel::initWithReaderOutput(output, sink);
