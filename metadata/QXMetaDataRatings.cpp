@@ -55,18 +55,37 @@ void QXMetaData::setContentRatingStringMP4(std::string_view text)
     if (parts.size() >= 4) contentRatingAnnotation.set(parts[3]);
 }
 
-std::optional<std::string> QXMetaData::iTunMOVI() const
+namespace {
+
+// The list of each credits field that is set, under its key.
+QXDictionary creditsLists(const QXMetaData& record)
 {
     QXDictionary credits;
     for (const auto& entry : creditsKeys) {
-        auto names = (this->*entry.field).get();
+        auto names = (record.*entry.field).get();
         if (!names) continue;
         QXArray list;
         for (const auto& person : *names) list.emplace_back(QXDictionary {{"name", QXValue(person)}});
         credits.emplace(entry.key, std::move(list));
     }
+    return credits;
+}
+
+} // namespace
+
+std::optional<std::string> QXMetaData::iTunMOVI() const
+{
+    QXDictionary credits = creditsLists(*this);
     if (auto held = studio.get(); held && !held->empty()) credits.emplace("studio", *held);
     if (credits.empty()) return std::nullopt;
+    return xmlPropertyList(QXValue(std::move(credits)));
+}
+
+std::optional<std::string> QXMetaData::creditsPropertyList() const
+{
+    QXDictionary credits = creditsLists(*this);
+    if (credits.empty()) return std::nullopt; // a studio alone is no reason for the item
+    if (auto held = studio.get()) credits.emplace("studio", *held);
     return xmlPropertyList(QXValue(std::move(credits)));
 }
 

@@ -21,6 +21,9 @@
 
 struct AVDictionary;
 class QXMetaDataBarrier;
+namespace qx::mp4 {
+class MP4File;
+}
 
 // The keys of the record.
 extern const char QXImdbId[];
@@ -294,6 +297,18 @@ public:
     // --- Import.
     bool readFromDictionary(const AVDictionary* dictionary);
 
+    // --- The iTunes tags of an open MP4 file; the file is neither opened
+    // nor closed here. A null file gives no record; the record is returned
+    // whether or not the file had tags.
+    static std::shared_ptr<QXMetaData> initWithFile(qx::mp4::MP4File* file);
+    // Sets every field whose tag the file holds and leaves the others. False
+    // for a null file or one whose tags cannot be read.
+    bool readFromFile(qx::mp4::MP4File* file);
+    // Replaces the file's tags with the record's: an empty field removes its
+    // tag, at most one picture (PNG) is stored, tags the record has no field
+    // for stay. The file must be open for writing; written when it closes.
+    bool writeToFile(qx::mp4::MP4File& file) const;
+
     // --- Helpers for the bindings.
     // Text of a C string: UTF-8, else ASCII, else UTF-16; empty when none fits.
     static std::string stringFromMetadata(const char* text);
@@ -313,6 +328,9 @@ private:
     Snapshot snapshotForKey(std::string_view key) const;
     std::vector<std::string> allKeysLocked() const;
     void setCredits(const QXValue& plist, bool checkTypes);
+    // The credits list as a file stores it: every list that is set, and the
+    // studio (an empty one too) if any list is; nothing without a list.
+    std::optional<std::string> creditsPropertyList() const;
     // Archives hold artwork as PNG; installed once, on first archiving.
     static void installArtworkArchiving();
     friend struct QXMetaDataImport;

@@ -1,0 +1,328 @@
+// The record against the iTunes tags of a real M4V: what a write leaves in
+// the file (seen through the MP4 layer and through ffprobe), what a read
+// brings back, and the rules for empty values, artwork and the two
+// free-form items.
+
+#include <gtest/gtest.h>
+
+#include "qxmedia/metadata/QXMetaData.h"
+#include "qxmedia/mp4/MP4File.h"
+#include "qxmedia/mp4/tags/MP4Tags.h"
+#include "qxmedia/platform/image/QXImage.h"
+#include "support/TestMedia.h"
+
+using namespace qx::mp4;
+
+namespace {
+
+std::filesystem::path baseMovie()
+{
+    return qxtest::generate("metadata-base.m4v", "-f lavfi -i testsrc2=size=160x120:rate=10:duration=1 "
+                                                 "-c:v libx264 -preset ultrafast -pix_fmt yuv420p -f ipod");
+}
+
+// A fresh copy of the base movie in a folder of the test's own.
+std::filesystem::path copyOfBase(const std::string& name)
+{
+    const auto dir = qxtest::makeTempDir("metadata-mp4-" + name);
+    const auto path = dir / (name + ".m4v");
+    std::filesystem::copy_file(baseMovie(), path, std::filesystem::copy_options::overwrite_existing);
+    return path;
+}
+
+void writeRecord(const QXMetaData& record, const std::filesystem::path& path)
+{
+    auto file = MP4File::modify(path);
+    ASSERT_TRUE(file);
+    EXPECT_TRUE(record.writeToFile(*file));
+    ASSERT_TRUE(file->close());
+}
+
+MP4Tags tagsOf(const std::filesystem::path& path)
+{
+    MP4Tags tags;
+    auto file = MP4File::read(path);
+    EXPECT_TRUE(file && MP4TagsFetch(tags, *file));
+    return tags;
+}
+
+std::shared_ptr<QXMetaData> recordOf(const std::filesystem::path& path)
+{
+    auto file = MP4File::read(path);
+    return QXMetaData::initWithFile(file.get());
+}
+
+size_t freeFormCount(const std::filesystem::path& path, const std::string& name)
+{
+    auto file = MP4File::read(path);
+    return file ? MP4ItmfGetItemsByMeaning(*file, "com.apple.iTunes", name).size() : 0;
+}
+
+void addFreeForm(const std::filesystem::path& path, const std::string& name, const std::string& text)
+{
+    auto file = MP4File::modify(path);
+    ASSERT_TRUE(file);
+    MP4ItmfAddItem(*file, MP4ItmfItemAlloc("com.apple.iTunes", name, text));
+    ASSERT_TRUE(file->close());
+}
+
+QXDate dayAt(int year, int month, int day, int hour)
+{
+    std::tm tm {};
+    tm.tm_year = year - 1900;
+    tm.tm_mon = month - 1;
+    tm.tm_mday = day;
+    tm.tm_hour = hour;
+    tm.tm_isdst = -1;
+    return std::chrono::system_clock::from_time_t(std::mktime(&tm));
+}
+
+} // namespace
+
+TEST(MetaDataMP4Tags, EveryFieldGoesIntoItsTagAndComesBack)
+{
+    const auto path = copyOfBase("all");
+    auto record = QXMetaData::init();
+    record->name.set(std::string("Pilot"));
+    record->artist.set(std::string("Artist"));
+    record->albumArtist.set(std::string("Album Artist"));
+    record->album.set(std::string("Album"));
+    record->grouping.set(std::string("Grouping"));
+    record->composer.set(std::string("Composer"));
+    record->comment.set(std::string("Comment"));
+    record->genre.set(std::string("Drama"));
+    record->genreType = 18;
+    record->releaseDate.set(dayAt(2009, 3, 14, 22));
+    record->trackNumber = 3;
+    record->trackCount = 12;
+    record->discNumber = 1;
+    record->discCount = 2;
+    record->compilation = true;
+    record->show.set(std::string("The Show"));
+    record->tvNetwork.set(std::string("Network"));
+    record->episodeID.set(std::string("S01E03"));
+    record->seasonNumber = 1;
+    record->episodeNumber = 3;
+    record->shortDescription.set(std::string("Short"));
+    record->longDescription.set(std::string("Long description, with \xc3\xa9 accents"));
+    record->lyrics.set(std::string("La la"));
+    record->seasonDescription.set(std::string("Season one"));
+    record->sortName.set(std::string("Pilot, The"));
+    record->sortArtist.set(std::string("Artist, The"));
+    record->sortAlbumArtist.set(std::string("Album Artist, The"));
+    record->sortAlbum.set(std::string("Album, The"));
+    record->sortComposer.set(std::string("Composer, The"));
+    record->sortShow.set(std::string("Show, The"));
+    record->copyright.set(std::string("(c) Us"));
+    record->encodingTool.set(std::string("Tool"));
+    record->encodedBy.set(std::string("Encoder"));
+    record->purchaseDate.set(dayAt(2020, 1, 2, 3));
+    record->podcast = true;
+    record->keywords.set(std::string("k1 k2"));
+    record->category.set(std::string("Category"));
+    record->hd = 2;
+    record->videoKind = 10;
+    record->advisoryRating = 4;
+    record->gapless = true;
+    record->iTunesAccount.set(std::string("me@example.com"));
+    record->iTunesCountry = 143441;
+    record->contentID = 1000;
+    record->artistID = 2000;
+    record->playlistID = (uint64_t(1) << 40) + 5;
+    record->genreID = 4005;
+    record->composerID = 3000;
+    record->xid.set(std::string("vendor:isrc:1"));
+    record->countryCode.set(std::string("US"));
+    record->contentRating = 600;
+    record->directors.set(QXStringList {"Dora Director"});
+    record->studio.set(std::string("Studio"));
+    record->setArtwork(QXImage::imageWithSize(32, 24));
+    writeRecord(*record, path);
+
+    const MP4Tags tags = tagsOf(path);
+    EXPECT_EQ(tags.name, "Pilot");
+    EXPECT_EQ(tags.comments, "Comment");
+    EXPECT_EQ(tags.genreType, 18);
+    EXPECT_EQ(tags.releaseDate, "2009-03-14T10:00:00Z") << "the time of day is always ten o'clock";
+    EXPECT_EQ(tags.track, (MP4TagTrack {3, 12}));
+    EXPECT_EQ(tags.disk, (MP4TagTrack {1, 2}));
+    EXPECT_EQ(tags.tvShow, "The Show");
+    EXPECT_EQ(tags.tvSeason, 1u);
+    EXPECT_EQ(tags.description, "Short");
+    EXPECT_EQ(tags.sortTVShow, "Show, The");
+    ASSERT_EQ(tags.artwork.size(), 1u);
+    EXPECT_EQ(tags.artwork[0].type, MP4_ART_PNG);
+    EXPECT_EQ(tags.hdVideo, 2);
+    EXPECT_EQ(tags.mediaType, 10);
+    EXPECT_EQ(tags.playlistID, (uint64_t(1) << 40) + 5);
+    EXPECT_EQ(tags.xid, "vendor:isrc:1");
+    EXPECT_EQ(freeFormCount(path, "iTunEXTC"), 1u);
+    EXPECT_EQ(freeFormCount(path, "iTunMOVI"), 1u);
+
+    // FFmpeg's demuxer reads the same file.
+    std::string probed;
+    ASSERT_EQ(qxtest::run("ffprobe -v error -show_entries format_tags=title,show,episode_id,network,date,track "
+                          "-of default=nw=1 '" + path.string() + "'",
+                          &probed),
+              0);
+    for (const char* expected : {"TAG:title=Pilot", "TAG:show=The Show", "TAG:episode_id=S01E03",
+                                 "TAG:network=Network", "TAG:date=2009-03-14T10:00:00Z", "TAG:track=3/12"}) {
+        EXPECT_NE(probed.find(expected), std::string::npos) << expected << " in\n" << probed;
+    }
+
+    auto back = recordOf(path);
+    ASSERT_TRUE(back);
+    for (const std::string& key : QXMetaData::defaultKeys()) {
+        if (key == QXArtworks || key == QXReleaseDate || key == QXPurchaseDate) continue;
+        if (key == QXCountryCode || key == QXLanguageCode || key == QXIncludeAdultContent) continue; // not in the file
+        const QXValue written = record->valueForKey(key);
+        const QXValue read = back->valueForKey(key);
+        EXPECT_EQ(read.description(), written.description()) << key;
+    }
+    EXPECT_TRUE(back->compilation);
+    ASSERT_TRUE(back->artworks.get());
+    ASSERT_EQ(back->artworks.get()->size(), 1u);
+    EXPECT_EQ(back->artwork()->pixelsWide(), 32);
+    EXPECT_EQ(QXMetaData::formattedDate(*back->releaseDate.get()), "2009-03-14T10:00:00Z");
+}
+
+TEST(MetaDataMP4Tags, DefaultRecordLeavesOnlyTheTagsThatAreAlwaysWritten)
+{
+    const auto path = copyOfBase("defaults");
+    {
+        // Tags of an earlier tagger, one the record has no field for among them.
+        auto file = MP4File::modify(path);
+        ASSERT_TRUE(file);
+        MP4Tags earlier;
+        earlier.name = "Old";
+        earlier.artist = "Old Artist";
+        earlier.tempo = 120;
+        earlier.track = MP4TagTrack {1, 2};
+        ASSERT_TRUE(MP4TagsStore(earlier, *file));
+        ASSERT_TRUE(file->close());
+    }
+    writeRecord(*QXMetaData::init(), path);
+
+    MP4Tags expected;
+    expected.compilation = false;
+    expected.mediaType = 0;
+    expected.contentRating = 0;
+    expected.gapless = false;
+    expected.hdVideo = 0;
+    expected.iTunesAccount = ""; // the default is an empty text, not none
+    expected.tempo = 120;        // untouched
+    EXPECT_EQ(tagsOf(path), expected);
+}
+
+TEST(MetaDataMP4Tags, EmptyAndEdgeValues)
+{
+    const auto path = copyOfBase("edges");
+    auto record = QXMetaData::init();
+    record->trackNumber = 0;
+    record->trackCount = 12;
+    record->hd = 3; // 4K has no tag value
+    record->genreType = 0x10001; // cut to 16 bits
+    record->iTunesAccount.clear();
+    writeRecord(*record, path);
+
+    const MP4Tags tags = tagsOf(path);
+    EXPECT_EQ(tags.track, (MP4TagTrack {0, 12}));
+    EXPECT_FALSE(tags.disk);
+    EXPECT_FALSE(tags.hdVideo);
+    EXPECT_EQ(tags.genreType, 1);
+    EXPECT_FALSE(tags.iTunesAccount) << "an absent account removes the tag";
+
+    auto back = recordOf(path);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->hd, 0);
+    EXPECT_EQ(back->hdString(), "SD");
+    EXPECT_EQ(back->trackCount, 12u);
+}
+
+TEST(MetaDataMP4Tags, SeveralPicturesComeBackAsOnePNG)
+{
+    const auto path = copyOfBase("artwork");
+    {
+        auto file = MP4File::modify(path);
+        ASSERT_TRUE(file);
+        MP4Tags tags;
+        for (int size : {16, 24, 40}) {
+            const QXData jpeg = QXImage::imageWithSize(size, size)->JPEGRepresentation();
+            tags.artwork.push_back({jpeg, MP4_ART_JPEG});
+        }
+        tags.artwork.push_back({{1, 2, 3, 4}, MP4_ART_PNG}); // does not decode
+        ASSERT_TRUE(MP4TagsStore(tags, *file));
+        ASSERT_TRUE(file->close());
+    }
+    auto record = recordOf(path);
+    ASSERT_TRUE(record);
+    ASSERT_TRUE(record->artworks.get());
+    EXPECT_EQ(record->artworks.get()->size(), 3u) << "every picture that decodes, the broken one dropped";
+
+    writeRecord(*record, path);
+    const MP4Tags tags = tagsOf(path);
+    ASSERT_EQ(tags.artwork.size(), 1u);
+    EXPECT_EQ(tags.artwork[0].type, MP4_ART_PNG);
+    auto image = QXImage::imageWithData(tags.artwork[0].data);
+    ASSERT_TRUE(image);
+    EXPECT_EQ(image->pixelsWide(), 16) << "the first picture is the one kept";
+}
+
+TEST(MetaDataMP4Tags, FreeFormItemsFollowTheRecord)
+{
+    const auto path = copyOfBase("freeform");
+    addFreeForm(path, "iTunEXTC", "mpaa|R|400|");
+    addFreeForm(path, "iTunMOVI", "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>studio</key>"
+                                  "<string>Old</string></dict></plist>");
+
+    // No video kind: no rating text; a studio alone: no credits list.
+    auto record = QXMetaData::init();
+    record->contentRating = 400;
+    record->studio.set(std::string("Studio Only"));
+    writeRecord(*record, path);
+    EXPECT_EQ(freeFormCount(path, "iTunEXTC"), 0u);
+    EXPECT_EQ(freeFormCount(path, "iTunMOVI"), 0u);
+
+    // An empty cast list is still a list; the empty studio goes along.
+    record->actors.set(QXStringList {});
+    record->studio.set(std::string());
+    writeRecord(*record, path);
+    ASSERT_EQ(freeFormCount(path, "iTunMOVI"), 1u);
+    {
+        auto file = MP4File::read(path);
+        ASSERT_TRUE(file);
+        const auto items = MP4ItmfGetItemsByMeaning(*file, "com.apple.iTunes", "iTunMOVI");
+        const std::string text(items[0].dataList[0].value.begin(), items[0].dataList[0].value.end());
+        EXPECT_NE(text.find("<key>cast</key>"), std::string::npos) << text;
+        EXPECT_NE(text.find("<key>studio</key>"), std::string::npos) << text;
+    }
+
+    // Read back: the rating text sets the rating, the list the credits.
+    record->videoKind = 9;
+    record->countryCode.set(std::string("US"));
+    record->actors.set(QXStringList {"Anna Actor", "Ben Player"});
+    writeRecord(*record, path);
+    auto back = recordOf(path);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->contentRating, 400u);
+    ASSERT_TRUE(back->actors.get());
+    EXPECT_EQ(*back->actors.get(), (QXStringList {"Anna Actor", "Ben Player"}));
+}
+
+TEST(MetaDataMP4Tags, BadInputsLeaveTheRecordAlone)
+{
+    EXPECT_FALSE(QXMetaData::initWithFile(nullptr));
+    EXPECT_FALSE(QXMetaData::init()->readFromFile(nullptr));
+
+    // A rating text that is not UTF-8 is passed over.
+    const auto path = copyOfBase("bad-utf8");
+    addFreeForm(path, "iTunEXTC", std::string("mpaa|R|400|\xff\xfe", 15));
+    auto record = recordOf(path);
+    ASSERT_TRUE(record);
+    EXPECT_EQ(record->contentRating, QXNoContentRating);
+    EXPECT_EQ(record->contentRatingAnnotation.valueOr("unset"), "") << "nothing of the text was taken";
+    // Only the muxer's own tool tag came from the file.
+    const QXDictionary changed = record->changedMetadata();
+    ASSERT_EQ(changed.size(), 1u);
+    EXPECT_EQ(changed.begin()->first, QXEncodingTool);
+}
