@@ -124,6 +124,12 @@ CMSampleBufferRef makeSample(std::optional<int64_t> pts, std::optional<int64_t> 
     CMBlockBufferCreateWithMemoryBlock(nullptr, nullptr, bytes, nullptr, nullptr, 0, bytes, 0, &block);
     if (bytes) {
         std::vector<uint8_t> data(bytes, fill);
+        if (bytes >= 6) {
+            // One length-prefixed NAL unit: an IDR slice for a key frame.
+            const size_t length = bytes - 4;
+            for (int i = 0; i < 4; ++i) data[size_t(i)] = uint8_t(length >> (24 - 8 * i));
+            data[4] = key ? 0x65 : 0x41;
+        }
         CMBlockBufferReplaceDataBytes(data.data(), block, 0, bytes);
     }
     CMSampleTimingInfo timing {time(duration), time(pts), time(dts)};

@@ -44,8 +44,10 @@ public:
     bool chunkPerSample = false;
 };
 
-// A sample of `bytes` bytes (each byte `fill`) with times in `timescale`;
-// nullopt is an invalid time. Not a key frame when key is false.
+// A sample of `bytes` bytes with times in `timescale`; nullopt is an invalid
+// time. Not a key frame when key is false. The bytes are `fill` after the
+// head of one length-prefixed H.264 NAL unit (IDR for a key frame), so that
+// readers that look into video see the key frames.
 qx::CMSampleBufferRef makeSample(std::optional<int64_t> pts, std::optional<int64_t> dts,
                                  std::optional<int64_t> duration, int32_t timescale, size_t bytes = 100,
                                  bool key = true, uint8_t fill = 0);
