@@ -1,14 +1,43 @@
 #include "qxmedia/reader/QXTrackReaderOutput.h"
 
+extern "C" {
+#include <libavcodec/codec_id.h>
+}
+
 #include "qxmedia/core/QXMedia.h"
+#include "qxmedia/reader/QXTrackReaderH264Output.h"
+#include "qxmedia/reader/QXTrackReaderRawAudioOutput.h"
+#include "qxmedia/source/QXMovie.h"
+#include "qxmedia/source/QXVideoTrack.h"
 
 using namespace qx;
 
-std::shared_ptr<QXTrackReaderOutput> QXTrackReaderOutput::initWithSource(const std::shared_ptr<QXTrack>& source,
-                                                                         const std::shared_ptr<QXTrack>&, bool)
+namespace {
+
+// H.264 whose packet times are not presentation times: AVI stamps each
+// packet with its index, and so does Video-for-Windows Matroska.
+bool needsDecoderForTiming(const QXTrack& source)
 {
-    // The decoding, copying and converting outputs choose by media type and
-    // encode flag; until they exist every use gets the pass-through base.
+    if (source.codec_id != AV_CODEC_ID_H264) return false;
+    if (const auto* video = dynamic_cast<const QXVideoTrack*>(&source); video && video->brokenByMS) return true;
+    const auto movie = source.source.lock();
+    return movie && movie->format == "avi";
+}
+
+} // namespace
+
+std::shared_ptr<QXTrackReaderOutput> QXTrackReaderOutput::initWithSource(const std::shared_ptr<QXTrack>& source,
+                                                                         const std::shared_ptr<QXTrack>& destination,
+                                                                         bool encode)
+{
+    // Decoding audio and video, and subtitles of either kind, have outputs
+    // of their own still to come; they get the pass-through base meanwhile.
+    const QXMediaType type = source ? source->mediaType() : nullptr;
+    if (type == AVMediaTypeAudio && !encode) return QXTrackReaderRawAudioOutput::initWithSource(source, destination);
+    if (type == AVMediaTypeVideo && !encode) {
+        if (needsDecoderForTiming(*source)) return QXTrackReaderH264DecoderOutput::initWithSource(source, destination);
+        return QXTrackReaderH264Output::initWithSource(source, destination);
+    }
     return initWithSource(source);
 }
 
