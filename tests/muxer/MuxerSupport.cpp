@@ -241,23 +241,22 @@ std::vector<WrittenSample> samplesInFileOrder(const std::filesystem::path& path)
     return samples;
 }
 
-std::vector<std::vector<std::string>> ffprobePackets(const std::filesystem::path& file)
+std::vector<std::vector<std::string>> ffprobePackets(const std::filesystem::path& file, const std::string& fields)
 {
     std::string output;
-    qxtest::run("ffprobe -v error -show_data_hash md5 -show_entries packet=stream_index,size,data_hash -of csv=p=0 " +
-                    quoted(file) + " 2>/dev/null",
+    qxtest::run("ffprobe -v error -show_data_hash md5 -show_entries packet=stream_index," + fields +
+                    ",data_hash -of csv=p=0 " + quoted(file) + " 2>/dev/null",
                 &output);
     std::vector<std::vector<std::string>> streams;
     std::istringstream lines(output);
     std::string line;
     while (std::getline(lines, line)) {
-        // "stream,size,md5:hash"
+        // "stream,fields...,MD5:hash"
         const size_t first = line.find(',');
-        const size_t second = line.find(',', first + 1);
-        if (first == std::string::npos || second == std::string::npos) continue;
+        if (first == std::string::npos) continue;
         const size_t stream = std::stoul(line.substr(0, first));
         if (streams.size() <= stream) streams.resize(stream + 1);
-        streams[stream].push_back(line.substr(first + 1, second - first - 1) + ":" + line.substr(second + 1));
+        streams[stream].push_back(line.substr(first + 1));
     }
     return streams;
 }

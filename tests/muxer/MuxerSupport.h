@@ -97,8 +97,9 @@ struct WrittenSample {
 std::vector<WrittenSample> samplesInFileOrder(const std::filesystem::path& file);
 std::vector<qx::mp4::SampleInfo> samplesOfTrack(const std::filesystem::path& file, uint32_t trackId);
 
-// Per stream, in stream order: "size:md5" of each packet as ffprobe reads it.
-std::vector<std::vector<std::string>> ffprobePackets(const std::filesystem::path& file);
+// Per stream, in stream order: the packet `fields` ("dts,size") and the MD5
+// of each packet as ffprobe reads it, comma-separated.
+std::vector<std::vector<std::string>> ffprobePackets(const std::filesystem::path& file, const std::string& fields);
 // A value of ffprobe's format section ("format_tags=major_brand" etc.).
 std::string ffprobeFormat(const std::filesystem::path& file, const std::string& entry);
 
