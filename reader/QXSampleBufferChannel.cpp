@@ -1,17 +1,19 @@
 #include "qxmedia/reader/QXSampleBufferChannel.h"
 
+#include "qxmedia/reader/QXSync.h"
+
 using namespace qx;
 
 std::shared_ptr<QXSampleBufferChannel>
 QXSampleBufferChannel::initWithReaderOutput(std::shared_ptr<QXTrackReaderOutput> output,
-                                            std::shared_ptr<QXMuxerInputProtocol> input)
+                                            std::shared_ptr<QXMuxerInputProtocol> input, std::shared_ptr<QXSync> sync)
 {
-    return std::make_shared<QXSampleBufferChannel>(std::move(output), std::move(input));
+    return std::make_shared<QXSampleBufferChannel>(std::move(output), std::move(input), std::move(sync));
 }
 
 QXSampleBufferChannel::QXSampleBufferChannel(std::shared_ptr<QXTrackReaderOutput> output,
-                                             std::shared_ptr<QXMuxerInputProtocol> input)
-    : readerOutput(std::move(output)), muxerInput(std::move(input))
+                                             std::shared_ptr<QXMuxerInputProtocol> input, std::shared_ptr<QXSync> sync)
+    : readerOutput(std::move(output)), muxerInput(std::move(input)), sync(std::move(sync))
 {
     serializationQueue = dispatch_queue_create((description() + " serialization queue").c_str(), DISPATCH_QUEUE_SERIAL);
 }
@@ -39,8 +41,13 @@ void QXSampleBufferChannel::pump()
     for (;;) {
         // Blocks until the output has a sample or has ended.
         CMSampleBufferRef sample = readerOutput->copyNextSample();
-        muxerInput->processSample(sample);
-        if (!sample) {
+        bool ok = true;
+        if (sync) {
+            ok = sync->processSample(sample, *readerOutput, muxerInput);
+        } else {
+            muxerInput->processSample(sample); // past the input's flow control, as nothing is held back here
+        }
+        if (!sample || !ok) {
             callCompletionHandlerIfNecessary();
             return;
         }
