@@ -251,6 +251,7 @@ void QXTrackReaderH264DecoderOutput::decode(const CMSampleBufferRef& sample)
 #if LIBAVCODEC_VERSION_MAJOR >= 60
         packet->opaque = reinterpret_cast<void*>(intptr_t(packetNumber_));
 #endif
+        packetTimes_[size_t(slotOf(packetNumber_, kPictures))] = packet->dts != AV_NOPTS_VALUE ? packet->dts : packet->pts;
         ++packetNumber_;
         if (int result = avcodec_send_packet(avctx_.get(), packet.get()); result < 0) {
             QXLogWarning("%s Error decoding video: %s", __func__, QXAvErrorText(result).c_str());
@@ -266,10 +267,16 @@ void QXTrackReaderH264DecoderOutput::decode(const CMSampleBufferRef& sample)
 
 void QXTrackReaderH264DecoderOutput::recordFrame(const AVFrame* frame)
 {
+    // These streams are stamped in decode order, one time per packet, so
+    // the k-th picture shown plays at the k-th packet's time. The decoder's
+    // own guess (best_effort_timestamp) mixes packet times that are not
+    // presentation times with the ones of later packets, and has none for
+    // the pictures of the flush.
     const int slot = slotOf(decodedSampleNumber, kPictures);
-    pts[size_t(slot)] = frame->best_effort_timestamp == AV_NOPTS_VALUE
-                            ? kCMTimeInvalid
-                            : CMTimeMake(frame->best_effort_timestamp, naturalTimeScale);
+    const int64_t time = decodedSampleNumber < packetNumber_
+                             ? packetTimes_[size_t(slotOf(decodedSampleNumber, kPictures))]
+                             : frame->best_effort_timestamp;
+    pts[size_t(slot)] = time == AV_NOPTS_VALUE ? kCMTimeInvalid : CMTimeMake(time, naturalTimeScale);
     dts[size_t(slotOf(codedPictureNumber(frame), kPictures))] = slot;
     ++decodedSampleNumber;
 }

@@ -84,5 +84,7 @@ private:
     void emitNext();
 
     qx::AVCodecContextPtr avctx_;
+    // Packets taken in, and their times in decode order.
     int64_t packetNumber_ = 0;
+    std::array<int64_t, kPictures> packetTimes_ {};
 };

@@ -1,0 +1,252 @@
+// The output of copied audio: coded bytes pass untouched with durations
+// measured by the decoder, a bad packet costs only itself, the end always
+// arrives, and silentSample makes a packet that decodes to silence.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cmath>
+#include <thread>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+}
+
+#include "OutputMedia.h"
+#include "OutputSupport.h"
+#include "ReaderSupport.h"
+#include "qxmedia/reader/QXTrackReaderRawAudioOutput.h"
+#include "qxmedia/source/QXAudioTrack.h"
+#include "support/TestMedia.h"
+
+using namespace qx;
+using namespace outputtest;
+
+namespace {
+
+constexpr int kAC3Stream = 1;
+constexpr int kAACStream = 2;
+
+std::shared_ptr<QXTrackReaderRawAudioOutput> rawOutput(const QXTrackRef& track)
+{
+    return QXTrackReaderRawAudioOutput::initWithSource(track, track->copy());
+}
+
+// Decodes one packet with the stream's own parameters, as a player of the
+// finished file would; answers the largest magnitude of any sample, or -1
+// when nothing decoded. `frames` and `channels` tell what came out.
+double decodedPeak(const QXTrack& track, const CMSampleBufferRef& sample, int* frames, int* channels)
+{
+    const AVCodec* codec = avcodec_find_decoder(AVCodecID(track.codec_id));
+    AVCodecContext* context = avcodec_alloc_context3(codec);
+    avcodec_parameters_to_context(context, track.codecParameters());
+    double peak = -1;
+    *frames = 0;
+    if (avcodec_open2(context, codec, nullptr) == 0) {
+        const CMBlockBufferRef data = CMSampleBufferGetDataBuffer(sample);
+        AVPacket* packet = av_packet_alloc();
+        av_new_packet(packet, int(CMBlockBufferGetDataLength(data)));
+        CMBlockBufferCopyDataBytes(data, 0, size_t(packet->size), packet->data);
+        AVFrame* frame = av_frame_alloc();
+        avcodec_send_packet(context, packet);
+        avcodec_send_packet(context, nullptr);
+        while (avcodec_receive_frame(context, frame) == 0) {
+            peak = std::max(peak, 0.0);
+            *frames += frame->nb_samples;
+            *channels = frame->ch_layout.nb_channels;
+            // Both decoders here deliver planar float.
+            for (int c = 0; c < frame->ch_layout.nb_channels && frame->format == AV_SAMPLE_FMT_FLTP; ++c) {
+                const auto* values = reinterpret_cast<const float*>(frame->extended_data[c]);
+                for (int i = 0; i < frame->nb_samples; ++i) peak = std::max(peak, double(std::fabs(values[i])));
+            }
+        }
+        av_frame_free(&frame);
+        av_packet_free(&packet);
+    }
+    avcodec_free_context(&context);
+    return peak;
+}
+
+} // namespace
+
+TEST(RawAudioOutput, CopiedAudioKeepsItsBytesAndGetsDurationsInPcmFrames)
+{
+    const auto path = outputmedia::matroska();
+    const auto hashes = packetHashes(path);
+    PipelineRun run(path);
+    ASSERT_TRUE(run.movie);
+    ASSERT_TRUE(run.run());
+    ASSERT_EQ(hashes.size(), 3u);
+
+    struct Expected {
+        int stream;
+        int frames;
+        int rate;
+    };
+    for (const Expected expected : {Expected {kAC3Stream, 1536, 48000}, Expected {kAACStream, 1024, 44100}}) {
+        SCOPED_TRACE("stream " + std::to_string(expected.stream));
+        const auto& output = run.outputs[size_t(expected.stream)];
+        ASSERT_TRUE(std::dynamic_pointer_cast<QXTrackReaderRawAudioOutput>(output));
+        const auto& samples = run.delivered[size_t(expected.stream)];
+        ASSERT_EQ(samples.size(), hashes[size_t(expected.stream)].size());
+        const int32_t timescale = run.movie->tracks[size_t(expected.stream)]->naturalTimeScale;
+        for (size_t i = 0; i < samples.size(); ++i) {
+            ASSERT_EQ(readertest::md5Of(samples[i]), hashes[size_t(expected.stream)][i]) << "sample " << i;
+            const CMTime duration = CMSampleBufferGetDuration(samples[i]);
+            ASSERT_EQ(duration.value, expected.frames) << "sample " << i;
+            ASSERT_EQ(duration.timescale, expected.rate) << "sample " << i;
+            EXPECT_FALSE(CMTIME_IS_VALID(CMSampleBufferGetDecodeTimeStamp(samples[i])));
+            EXPECT_EQ(CMSampleBufferGetPresentationTimeStamp(samples[i]).timescale, timescale);
+        }
+        // Presentation times come from the decoder and follow the packets.
+        for (size_t i = 1; i < samples.size(); ++i) {
+            const double step = seconds(CMSampleBufferGetPresentationTimeStamp(samples[i])) -
+                                seconds(CMSampleBufferGetPresentationTimeStamp(samples[i - 1]));
+            EXPECT_NEAR(step, double(expected.frames) / expected.rate, 0.0011) << "sample " << i;
+        }
+    }
+}
+
+TEST(RawAudioOutput, APacketThatDoesNotDecodeLosesOnlyItself)
+{
+    const auto path = outputmedia::matroska();
+    auto packets = readPackets(path, kAC3Stream);
+    ASSERT_GE(packets.size(), 6u);
+    packets.resize(6);
+    // Packet 2 keeps its size but loses its content.
+    CMBlockBufferRef junk;
+    const size_t size = CMBlockBufferGetDataLength(CMSampleBufferGetDataBuffer(packets[2]));
+    CMBlockBufferCreateWithMemoryBlock(nullptr, nullptr, size, nullptr, nullptr, 0, size,
+                                       kCMBlockBufferAssureMemoryNowFlag, &junk);
+    const std::vector<uint8_t> zeros(size, 0);
+    CMBlockBufferReplaceDataBytes(zeros.data(), junk, 0, size);
+    const CMSampleTimingInfo timing {kCMTimeInvalid, CMSampleBufferGetPresentationTimeStamp(packets[2]), kCMTimeInvalid};
+    CMSampleBufferCreate(nullptr, junk, true, nullptr, nullptr, nullptr, 1, 1, &timing, 1, &size, &packets[2]);
+
+    auto movie = QXMovie::initWithURL(path);
+    ASSERT_TRUE(movie);
+    auto output = rawOutput(movie->tracks[kAC3Stream]);
+    qxtest::LogCapture log;
+    feed(*output, packets, true);
+    const auto left = takeReady(*output);
+
+    EXPECT_TRUE(log.contains("Failed to decode audio sample", 2));
+    ASSERT_EQ(left.size(), 5u);
+    const size_t kept[] = {0, 1, 3, 4, 5};
+    for (size_t i = 0; i < left.size(); ++i) {
+        EXPECT_EQ(readertest::md5Of(left[i]), readertest::md5Of(packets[kept[i]])) << "sample " << i;
+        EXPECT_EQ(CMSampleBufferGetDuration(left[i]).value, 1536);
+    }
+    EXPECT_TRUE(output->finished());
+    EXPECT_EQ(output->copyNextSample(), nullptr);
+}
+
+TEST(RawAudioOutput, TheEndArrivesEvenWhenNothingDecodes)
+{
+    // WMA Pro does not open without its setup bytes: every sample fails,
+    // the flush fails too, and still the channel ends.
+    auto track = QXAudioTrack::init();
+    track->codec_id = AV_CODEC_ID_WMAPRO;
+    track->naturalTimeScale = 1000;
+    qxtest::LogCapture log;
+    auto output = rawOutput(track);
+    EXPECT_FALSE(output->hasDecoder());
+    EXPECT_TRUE(log.contains("failed to open decoder", 2));
+
+    output->outputSample(readertest::makeSample(0, 0));
+    output->outputSample(readertest::makeSample(32, 32));
+    output->outputSample(nullptr);
+    EXPECT_EQ(output->copyNextSample(), nullptr) << "the end marker and nothing before it";
+    EXPECT_TRUE(output->finished());
+    EXPECT_TRUE(log.contains("Failed to decode audio sample", 2));
+}
+
+TEST(RawAudioOutput, SilentSampleDecodesToSilenceInTheStreamsFormat)
+{
+    const auto path = outputmedia::matroska();
+    auto movie = QXMovie::initWithURL(path);
+    ASSERT_TRUE(movie);
+
+    struct Expected {
+        int stream;
+        int frames;
+        int rate;
+        int channels;
+    };
+    for (const Expected expected : {Expected {kAC3Stream, 1536, 48000, 6}, Expected {kAACStream, 1024, 44100, 2}}) {
+        SCOPED_TRACE("stream " + std::to_string(expected.stream));
+        const QXTrack& track = *movie->tracks[size_t(expected.stream)];
+        auto output = rawOutput(movie->tracks[size_t(expected.stream)]);
+        // The format follows the decoded frames, so feed a few first.
+        auto packets = readPackets(path, expected.stream);
+        packets.resize(std::min<size_t>(packets.size(), 4));
+        feed(*output, packets, false);
+
+        const CMSampleBufferRef silence = output->silentSample();
+        ASSERT_TRUE(silence);
+        EXPECT_EQ(CMSampleBufferGetDuration(silence).value, expected.frames);
+        EXPECT_EQ(CMSampleBufferGetDuration(silence).timescale, expected.rate);
+        EXPECT_FALSE(CMTIME_IS_VALID(CMSampleBufferGetPresentationTimeStamp(silence)));
+        int frames = 0;
+        int channels = 0;
+        const double peak = decodedPeak(track, silence, &frames, &channels);
+        EXPECT_GE(peak, 0.0) << "decodes";
+        EXPECT_LT(peak, 1e-4) << "to silence (below -80 dB)";
+        EXPECT_EQ(frames, expected.frames);
+        EXPECT_EQ(channels, expected.channels);
+
+        // Each call builds its own encoder: the same packet again.
+        EXPECT_EQ(readertest::md5Of(output->silentSample()), readertest::md5Of(silence));
+    }
+}
+
+TEST(RawAudioOutput, SilentAC3IsReadAsSilenceByFFmpeg)
+{
+    const auto path = outputmedia::matroska();
+    auto movie = QXMovie::initWithURL(path);
+    ASSERT_TRUE(movie);
+    auto output = rawOutput(movie->tracks[kAC3Stream]);
+    const CMSampleBufferRef silence = output->silentSample();
+    ASSERT_TRUE(silence);
+
+    // A raw AC-3 file is nothing but its frames.
+    const auto dir = qxtest::makeTempDir("outputs-silence");
+    const CMBlockBufferRef data = CMSampleBufferGetDataBuffer(silence);
+    std::string bytes(CMBlockBufferGetDataLength(data), '\0');
+    CMBlockBufferCopyDataBytes(data, 0, bytes.size(), bytes.data());
+    qxtest::writeFile(dir / "silence.ac3", bytes);
+    std::string pcm;
+    ASSERT_EQ(qxtest::run("ffmpeg -v error -i '" + (dir / "silence.ac3").string() + "' -f s16le -", &pcm), 0);
+    EXPECT_EQ(pcm.size(), size_t(1536 * 6 * 2));
+    EXPECT_EQ(pcm.find_first_not_of('\0'), std::string::npos);
+}
+
+TEST(RawAudioOutput, SilentSampleIsNullForACodecWithoutEncoder)
+{
+    auto track = QXAudioTrack::init();
+    track->codec_id = AV_CODEC_ID_WMAPRO; // FFmpeg decodes it but cannot encode it
+    auto output = rawOutput(track);
+    EXPECT_EQ(output->silentSample(), nullptr);
+}
+
+TEST(RawAudioOutput, SilentSamplesWhileTheStreamIsProcessed)
+{
+    // The synchroniser asks for silence on the channel's queue while the
+    // output decodes on its own.
+    PipelineRun run(outputmedia::matroska());
+    ASSERT_TRUE(run.movie);
+    auto output = std::dynamic_pointer_cast<QXTrackReaderRawAudioOutput>(run.outputs[kAACStream]);
+    ASSERT_TRUE(output);
+    std::atomic<bool> done {false};
+    std::atomic<int> made {0};
+    std::atomic<int> missing {0};
+    std::thread asker([&] {
+        while (!done) (output->silentSample() ? made : missing)++;
+    });
+    const bool ended = run.run();
+    done = true;
+    asker.join();
+    EXPECT_TRUE(ended);
+    EXPECT_GT(made.load(), 0);
+    EXPECT_EQ(missing.load(), 0);
+}
