@@ -282,20 +282,4 @@ bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds
     return true;
 }
 
-size_t waitUntilSteady(const std::function<size_t()>& value, std::chrono::milliseconds quiet)
-{
-    size_t last = value();
-    auto since = std::chrono::steady_clock::now();
-    for (;;) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        const size_t now = value();
-        if (now != last) {
-            last = now;
-            since = std::chrono::steady_clock::now();
-        } else if (std::chrono::steady_clock::now() - since >= quiet) {
-            return now;
-        }
-    }
-}
-
 } // namespace muxertest

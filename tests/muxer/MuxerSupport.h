@@ -105,8 +105,5 @@ std::string ffprobeFormat(const std::filesystem::path& file, const std::string& 
 
 // Polls `condition` until it holds; false on timeout.
 bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit = std::chrono::seconds(30));
-// Waits until `value` has not changed for `quiet`; answers the last value.
-size_t waitUntilSteady(const std::function<size_t()>& value,
-                       std::chrono::milliseconds quiet = std::chrono::milliseconds(300));
 
 } // namespace muxertest

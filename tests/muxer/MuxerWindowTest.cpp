@@ -44,6 +44,17 @@ std::vector<CMSampleBufferRef> audioSamples(double seconds)
     return samples;
 }
 
+// Waits until the muxer has taken the video sample decoded at frame
+// `frame`: every flush it caused has run once this returns.
+bool waitForVideoFrame(const MuxerRun& run, const std::shared_ptr<QXMuxerInput>& input, int64_t frame)
+{
+    return waitUntil([&] {
+        CMTime last = kCMTimeInvalid;
+        run.onMuxerQueue([&] { last = input->lastTimestamp; });
+        return last == CMTimeMake(frame * 3600, 90000);
+    });
+}
+
 } // namespace
 
 TEST(MuxerWindow, SamplesOfAllTracksAreWrittenInDecodeOrder)
@@ -96,7 +107,9 @@ TEST(MuxerWindow, ALaggingAudioInputHoldsTheWindowASubtitleInputDoesNot)
         ASSERT_TRUE(run.start());
         Feeder feeder(videoInput, video, false);
         feeder.join();
-        const size_t held = waitUntilSteady([&] { return run.samplesInWindow(); });
+        // All but the last, which waits for a successor.
+        ASSERT_TRUE(waitForVideoFrame(run, videoInput, int64_t(video.size()) - 2));
+        const size_t held = run.samplesInWindow();
         if (other == Kind::Audio) {
             // Nothing can leave: the audio could still bring an earlier sample.
             EXPECT_EQ(held, video.size() - 1);
@@ -125,7 +138,8 @@ TEST(MuxerWindow, AnInputThatHasFinishedHoldsNothingBack)
     Feeder(audio, audioSamples(0.5)).join();
     ASSERT_TRUE(waitUntil([&] { return audio->status == QXMuxerInputStatusFinished; }));
     Feeder(video, videoSamples(6), false).join();
-    EXPECT_LE(waitUntilSteady([&] { return run.samplesInWindow(); }), 66u);
+    ASSERT_TRUE(waitForVideoFrame(run, video, 148));
+    EXPECT_LE(run.samplesInWindow(), 66u);
     video->markAsFinished();
     ASSERT_TRUE(run.waitForCompletion());
     EXPECT_EQ(run.muxer->status, QXMuxerStatusCompleted);
@@ -143,7 +157,7 @@ TEST(MuxerWindow, ALateSubtitleIsWrittenAndTheWindowSaysItWentBackwards)
     run.muxer->addInput(text);
     ASSERT_TRUE(run.start());
     Feeder(video, videoSamples(5), false).join();
-    waitUntilSteady([&] { return run.samplesInWindow(); });
+    ASSERT_TRUE(waitForVideoFrame(run, video, 123));
     // One second in, long after the window moved past it.
     Feeder(text, {makeSample(1000, 1000, 500, 1000)}).join();
     Feeder(video, videoSamples(1, 5)).join();
@@ -173,8 +187,10 @@ TEST(MuxerWindow, NoMoreThanTenSamplesWaitInEachHop)
     Feeder feedAudio(audio, audioIn);
     // Ten taken by the muxer's queue, one waiting for it on the process
     // queue, nine more behind that one; the video also holds one back.
-    EXPECT_EQ(waitUntilSteady([&] { return feedAudio.appended.load(); }), 20u);
-    EXPECT_EQ(waitUntilSteady([&] { return feedVideo.appended.load(); }), 21u);
+    EXPECT_TRUE(waitUntil([&] { return feedAudio.appended == 20 && feedVideo.appended == 21; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(feedAudio.appended, 20u);
+    EXPECT_EQ(feedVideo.appended, 21u);
 
     dispatch_semaphore_signal(gate);
     ASSERT_TRUE(run.waitForCompletion());
