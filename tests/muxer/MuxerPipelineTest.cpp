@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <span>
+#include <sstream>
 
 #include "MuxerSupport.h"
 #include "qxmedia/core/QXMedia.h"
@@ -81,6 +82,20 @@ private:
     int32_t timescale_ = 1000;
 };
 
+// Per stream, in order: the packet `fields` and the MD5 of its bytes.
+std::vector<std::vector<std::string>> packets(const fs::path& file, const std::string& fields)
+{
+    std::vector<std::vector<std::string>> streams(2);
+    std::istringstream lines(ffprobe("-show_data_hash md5 -show_entries packet=stream_index," + fields +
+                                         ",data_hash -of csv=p=0",
+                                     file));
+    for (std::string line; std::getline(lines, line);) {
+        const size_t stream = std::stoul(line);
+        if (stream < streams.size()) streams[stream].push_back(line.substr(line.find(',') + 1));
+    }
+    return streams;
+}
+
 fs::path source()
 {
     // B-frames in the video; no edit lists, so every packet is read as it is.
@@ -132,16 +147,14 @@ TEST(MuxerPipeline, ACopiedSourceComesOutWithTheSamePackets)
     // Count, size, bytes and order of the packets of each track, and the
     // decode times of the video (which the input rebuilds into durations).
     // The audio's times are left to the audio inputs.
-    const auto expected = ffprobePackets(input, "size");
-    const auto actual = ffprobePackets(output, "size");
-    ASSERT_EQ(expected.size(), 2u);
-    ASSERT_EQ(actual.size(), 2u);
+    const auto expected = packets(input, "size");
+    const auto actual = packets(output, "size");
     for (size_t stream = 0; stream < 2; ++stream) {
-        SCOPED_TRACE(stream);
-        EXPECT_EQ(actual[stream].size(), expected[stream].size());
-        EXPECT_EQ(actual[stream], expected[stream]);
+        EXPECT_EQ(actual[stream].size(), expected[stream].size()) << stream;
+        EXPECT_FALSE(actual[stream].empty()) << stream;
+        EXPECT_EQ(actual[stream], expected[stream]) << stream;
     }
-    EXPECT_EQ(ffprobePackets(output, "dts,flags")[0], ffprobePackets(input, "dts,flags")[0]);
+    EXPECT_EQ(packets(output, "dts,flags")[0], packets(input, "dts,flags")[0]);
     // The video keeps its frame durations and its reordering.
     const auto video = samplesOfTrack(output, 1);
     ASSERT_FALSE(video.empty());
@@ -151,5 +164,5 @@ TEST(MuxerPipeline, ACopiedSourceComesOutWithTheSamePackets)
         reordered += video[i].renderingOffset != video[0].renderingOffset;
     }
     EXPECT_GT(reordered, 0u);
-    EXPECT_EQ(ffprobeFormat(output, "stream=codec_name"), "h264\naac");
+    EXPECT_EQ(ffprobe("-show_entries stream=codec_name -of csv=p=0", output), "h264\naac");
 }
