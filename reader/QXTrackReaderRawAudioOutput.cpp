@@ -6,6 +6,7 @@
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavutil/channel_layout.h>
+#include <libavutil/mem.h>
 #include <libavutil/samplefmt.h>
 }
 
@@ -151,6 +152,10 @@ CMSampleBufferRef QXTrackReaderRawAudioOutput::silentSample()
             avcodec_parameters_free(&parameters);
         }
     }
+    // An encoder writes its own setup bytes over the pointer without freeing
+    // what is there (AAC does), and the decoder's are no use to it.
+    av_freep(&encoder->extradata);
+    encoder->extradata_size = 0;
     if (codec->capabilities & AV_CODEC_CAP_EXPERIMENTAL) encoder->strict_std_compliance = FF_COMPLIANCE_EXPERIMENTAL;
 
     encoder->bit_rate = currentBitRate.load(std::memory_order_relaxed);

@@ -138,6 +138,4 @@ CMTime copiedTime(int64_t value, int32_t timescale)
     return time;
 }
 
-double seconds(CMTime time) { return CMTimeGetSeconds(time); }
-
 } // namespace outputtest

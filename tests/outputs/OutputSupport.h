@@ -51,6 +51,4 @@ std::vector<qx::CMSampleBufferRef> takeReady(QXTrackReaderOutput& output);
 // A decode time the read loop copied from the presentation time.
 qx::CMTime copiedTime(int64_t value, int32_t timescale);
 
-double seconds(qx::CMTime time);
-
 } // namespace outputtest
