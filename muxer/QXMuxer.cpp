@@ -315,9 +315,15 @@ void QXMuxer::writeSample(const CMSampleBufferRef& given, int32_t trackId)
         QXMedia::errorWithDomain(NSOSStatusErrorDomain, result);
         return;
     }
-    if (shouldFlush) {
+    // A flush that is queued runs after this sample is in the window: one
+    // is enough.
+    if (shouldFlush && !flushPending_) {
+        flushPending_ = true;
         auto self = shared_from_this();
-        dispatch_async(serializationQueue, [self] { self->flush(); });
+        dispatch_async(serializationQueue, [self] {
+            self->flushPending_ = false;
+            self->flush();
+        });
     }
 }
 

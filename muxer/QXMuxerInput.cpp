@@ -61,21 +61,25 @@ void QXMuxerInput::requestMediaDataWhenReadyOnQueue(dispatch_queue_t queue, std:
     samplesSource_ = std::move(block);
 }
 
-std::function<void()> QXMuxerInput::copySamplesSource() const
-{
-    std::lock_guard guard(sourceLock_);
-    return samplesSource_;
-}
-
+// A run that is queued and has not begun serves every request made before
+// it begins, so no second one is queued: the pump keeps running while
+// samples are written, and a run per written sample would pile up behind it
+// for the length of the file.
 void QXMuxerInput::requestMediaData()
 {
     dispatch_queue_t queue;
+    std::function<void()> block;
     {
         std::lock_guard guard(sourceLock_);
         queue = inputQueue;
+        block = samplesSource_;
     }
-    std::function<void()> block = copySamplesSource();
-    if (queue && block) dispatch_group_async(inputGroup, queue, std::move(block));
+    if (!queue || !block || pullPending_.exchange(true)) return;
+    auto self = shared_from_this();
+    dispatch_group_async(inputGroup, queue, [self, block = std::move(block)] {
+        self->pullPending_ = false;
+        block();
+    });
 }
 
 void QXMuxerInput::startProcessingOnGroup(const dispatch_group_t& group, const std::shared_ptr<QXMuxer>& owner)

@@ -119,7 +119,7 @@ TEST(MuxerInputChunks, EveryTrackGetsTheChunkLengthOfTheFirst)
     EXPECT_FALSE(audio->tuneTrackDurationPerChunk());
 }
 
-TEST(MuxerInputLifecycle, ThePullBlockRunsAtTheStartAndOnceForEachWrittenSample)
+TEST(MuxerInputLifecycle, ThePullBlockRunsAtTheStartAndAgainAfterWrittenSamples)
 {
     auto dir = qxtest::makeTempDir("input-pulls");
     MuxerRun run(dir / "x.m4v");
@@ -133,7 +133,10 @@ TEST(MuxerInputLifecycle, ThePullBlockRunsAtTheStartAndOnceForEachWrittenSample)
     Feeder(input, {makeSample(0, 0, 1024, 48000), makeSample(1024, 1024, 1024, 48000)}).join();
     ASSERT_TRUE(run.waitForCompletion());
     dispatch_sync(channelQueue, [] {});
-    EXPECT_EQ(pulls, 3);
+    // Once more after the samples were written; requests that come while a
+    // run waits to begin share it.
+    EXPECT_GE(pulls, 2);
+    EXPECT_LE(pulls, 3);
     input->markAsFinished(); // a second end changes nothing
     EXPECT_EQ(input->status, QXMuxerInputStatusFinished);
     EXPECT_EQ(run.handlerCalls(), 1);

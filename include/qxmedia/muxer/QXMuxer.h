@@ -105,6 +105,7 @@ private:
 
     std::mutex handlerLock_;
     std::function<void()> completionHandler_;
+    bool flushPending_ = false; // on serializationQueue
 };
 
 using QXMuxerRef = std::shared_ptr<QXMuxer>;

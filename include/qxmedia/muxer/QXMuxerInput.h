@@ -100,7 +100,8 @@ public:
 
     // From the muxer: the pull block begins to run.
     void startProcessingOnGroup(const qx::dispatch_group_t& group, const std::shared_ptr<QXMuxer>& muxer);
-    // Runs the pull block once more, on inputQueue.
+    // Runs the pull block once more, on inputQueue (unless a run is queued
+    // and has not begun yet).
     void requestMediaData();
     // Writes the track's edit list from `offset`; on muxerQueue, after a
     // clean run.
@@ -135,10 +136,9 @@ protected:
     void finishInit();
 
 private:
-    std::function<void()> copySamplesSource() const;
-
     mutable std::mutex sourceLock_;
     std::function<void()> samplesSource_; // the pull block
+    std::atomic<bool> pullPending_ {false};
     std::atomic<bool> finishMarked_ {false};
 };
 
