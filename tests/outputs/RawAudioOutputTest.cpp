@@ -141,6 +141,33 @@ TEST(RawAudioOutput, APacketThatDoesNotDecodeLosesOnlyItself)
     EXPECT_EQ(output->copyNextSample(), nullptr);
 }
 
+TEST(RawAudioOutput, TimesAreCountedInTheDestinationsTimescale)
+{
+    // The source counts in milliseconds; the file will count in samples.
+    const auto path = outputmedia::matroska();
+    auto movie = QXMovie::initWithURL(path);
+    ASSERT_TRUE(movie);
+    const QXTrackRef source = movie->tracks[kAC3Stream];
+    ASSERT_EQ(source->naturalTimeScale, 1000);
+    auto destination = source->copy();
+    destination->naturalTimeScale = 48000;
+    auto output = QXTrackReaderRawAudioOutput::initWithSource(source, destination);
+    auto packets = readPackets(path, kAC3Stream);
+    packets.resize(4);
+    feed(*output, packets, true);
+    const auto left = takeReady(*output);
+    ASSERT_EQ(left.size(), 4u);
+    for (size_t i = 0; i < left.size(); ++i) {
+        const CMTime p = CMSampleBufferGetPresentationTimeStamp(left[i]);
+        EXPECT_EQ(p.timescale, 48000);
+        const CMTime given = CMSampleBufferGetPresentationTimeStamp(packets[i]);
+        EXPECT_EQ(p.value, given.value * 48) << "sample " << i;
+        if (i > 0) {
+            EXPECT_EQ(p.value - CMSampleBufferGetPresentationTimeStamp(left[i - 1]).value, 1536);
+        }
+    }
+}
+
 TEST(RawAudioOutput, TheEndArrivesEvenWhenNothingDecodes)
 {
     // WMA Pro does not open without its setup bytes: every sample fails,
