@@ -1,6 +1,5 @@
 #include "qxmedia/muxer/QXMuxer.h"
 
-#include <strings.h>
 #include <sys/xattr.h>
 
 #include <cerrno>
@@ -83,10 +82,11 @@ Brands brandsForURL(const QXURL& url)
     return {fourcc("M4V "), {fourcc("M4V "), fourcc("M4A "), fourcc("mp42"), fourcc("isom"), fourcc("avc1")}};
 }
 
+// The handler type is "vide" in any case of its letters.
 bool isVideoTrack(const MP4File& file, uint32_t trackId)
 {
     const mp4::MP4Track* track = file.track(trackId);
-    return track && ::strcasecmp(mp4::fourccString(track->type()).c_str(), "vide") == 0;
+    return track && (track->type() | 0x20202020u) == mp4::kVideoTrack;
 }
 
 // The sync flag and the sample dependency bits from a sample's attachments.

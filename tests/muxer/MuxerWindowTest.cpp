@@ -132,6 +132,24 @@ TEST(MuxerWindow, ALateSubtitleIsWrittenAndTheWindowSaysItWentBackwards)
     EXPECT_EQ(samplesOfTrack(dir / "x.m4v", 2).size(), 1u);
 }
 
+TEST(MuxerWindow, ASampleHandedOverByTwoInputsGoesIntoBothTracks)
+{
+    // Two uses of one source track hand the muxer the same sample objects.
+    auto dir = qxtest::makeTempDir("window-shared");
+    MuxerRun run(dir / "x.m4v");
+    auto first = TestInput::make(Kind::Audio, 48000);
+    auto second = TestInput::make(Kind::Audio, 48000);
+    run.muxer->addInput(first);
+    run.muxer->addInput(second);
+    ASSERT_TRUE(run.start());
+    const auto samples = audioSamples(4);
+    Feeder feedFirst(first, samples);
+    Feeder feedSecond(second, samples);
+    ASSERT_TRUE(run.waitForCompletion());
+    EXPECT_EQ(samplesOfTrack(dir / "x.m4v", 1).size(), samples.size());
+    EXPECT_EQ(samplesOfTrack(dir / "x.m4v", 2).size(), samples.size());
+}
+
 TEST(MuxerWindow, NoMoreThanTenSamplesWaitInEachHop)
 {
     auto dir = qxtest::makeTempDir("window-bounded");
