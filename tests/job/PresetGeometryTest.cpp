@@ -1,0 +1,211 @@
+#include <gtest/gtest.h>
+
+#include <cstdint>
+
+extern "C" {
+#include <libavcodec/codec_id.h>
+#include <libavformat/avformat.h>
+}
+
+#include "qxmedia/job/QXPreset.h"
+#include "qxmedia/source/QXVideoTrack.h"
+
+namespace {
+
+std::shared_ptr<QXVideoTrack> videoTrack(uint64_t width, uint64_t height, uint32_t hSpacing = 1,
+                                         uint32_t vSpacing = 1)
+{
+    auto track = QXVideoTrack::init();
+    track->codec_id = AV_CODEC_ID_H264;
+    track->profile = 100;
+    track->width = width;
+    track->height = height;
+    track->hSpacing = hSpacing;
+    track->vSpacing = vSpacing;
+    track->display_width = float(double(width) * hSpacing / vSpacing);
+    track->display_height = float(height);
+    return track;
+}
+
+struct Picture {
+    uint64_t width, height;
+    uint32_t sarWidth, sarHeight;
+    float displayWidth, displayHeight;
+};
+
+Picture pictureFor(const QXPreset& preset, const QXVideoTrack& track)
+{
+    return {preset.videoWidthForTrack(track),     preset.videoHeightForTrack(track),
+            preset.sarWidthForTrack(track),       preset.sarHeightForTrack(track),
+            preset.videoDisplayWidthForTrack(track), preset.videoDisplayHeightForTrack(track)};
+}
+
+void expectPicture(const char* what, const Picture& got, const Picture& want)
+{
+    SCOPED_TRACE(what);
+    EXPECT_EQ(got.width, want.width);
+    EXPECT_EQ(got.height, want.height);
+    EXPECT_EQ(got.sarWidth, want.sarWidth);
+    EXPECT_EQ(got.sarHeight, want.sarHeight);
+    EXPECT_FLOAT_EQ(got.displayWidth, want.displayWidth);
+    EXPECT_FLOAT_EQ(got.displayHeight, want.displayHeight);
+}
+
+} // namespace
+
+// Presets that keep the sample aspect: the box's width limits the picture,
+// the storage aspect stays, sizes are even.
+TEST(PresetPicture, KeepingTheSampleAspect)
+{
+    auto p720 = QXPreset::initWithIdentifier(QXPresetApple720p);
+    auto p480 = QXPreset::initWithIdentifier(QXPresetApple480p);
+    auto p1080 = QXPreset::initWithIdentifier(QXPresetApple1080p);
+
+    expectPicture("downscaled HD", pictureFor(*p720, *videoTrack(1920, 1080)), {1280, 720, 1, 1, 1280, 720});
+    expectPicture("smaller than the box: not enlarged", pictureFor(*p1080, *videoTrack(640, 360)),
+                  {640, 360, 1, 1, 640, 360});
+    // Rounding both axes changes the shape a little; the sample aspect
+    // (321 * 240) / (241 * 320) = 963:964 puts it back on display.
+    expectPicture("odd and smaller", pictureFor(*p1080, *videoTrack(321, 241)),
+                  {320, 240, 963, 964, 320 * 963 / 964.0f, 240});
+    expectPicture("portrait: taller than the box, limited by width only", pictureFor(*p720, *videoTrack(1080, 1920)),
+                  {1080, 1920, 1, 1, 1080, 1920});
+    // 640 / 0.5625 is 1137.8, cut and made even.
+    expectPicture("portrait scaled", pictureFor(*p480, *videoTrack(1080, 1920)),
+                  {640, 1136, 639, 640, 640 * 639 / 640.0f, 1136});
+    expectPicture("box without a height",
+                  pictureFor(*QXPreset::initWithIdentifier(QXPresetHLS2), *videoTrack(3840, 2160)),
+                  {1920, 1080, 1, 1, 1920, 1080});
+
+    // 998 / 1.998 is 499.49, cut to 499, made even. The exact aspect
+    // 248751:249500 needs more than 16 bits and comes back approximated.
+    const Picture odd = pictureFor(*p720, *videoTrack(999, 500));
+    EXPECT_EQ(odd.width, 998u);
+    EXPECT_EQ(odd.height, 498u);
+    EXPECT_LE(odd.sarHeight, 0x10000u);
+    EXPECT_NEAR(double(odd.sarWidth) / odd.sarHeight, 248751.0 / 249500.0, 1e-7);
+    EXPECT_NEAR(odd.displayWidth, 998 * 248751.0 / 249500.0, 1e-3);
+    EXPECT_EQ(odd.displayHeight, 498.0f);
+}
+
+TEST(PresetPicture, AnamorphicSourcesKeepTheirShapeOnDisplay)
+{
+    auto p1080 = QXPreset::initWithIdentifier(QXPresetApple1080p);
+    auto p480 = QXPreset::initWithIdentifier(QXPresetApple480p);
+
+    expectPicture("PAL 16:9, wide pixels: the height shrinks on display",
+                  pictureFor(*p1080, *videoTrack(720, 576, 64, 45)), {720, 576, 64, 45, 720, 405});
+    expectPicture("PAL 16:9 scaled into a smaller box",
+                  pictureFor(*p480, *videoTrack(720, 576, 64, 45)), {640, 512, 64, 45, 640, 360});
+    expectPicture("NTSC 4:3, narrow pixels: the width shrinks on display",
+                  pictureFor(*p1080, *videoTrack(720, 480, 8, 9)), {720, 480, 8, 9, 640, 480});
+    expectPicture("1440x1080 HDV with 4:3 pixels into a 1280 box",
+                  pictureFor(*QXPreset::initWithIdentifier(QXPresetApple720p), *videoTrack(1440, 1080, 4, 3)),
+                  {1280, 960, 4, 3, 1280, 720});
+
+    uint32_t s = 0, t = 0;
+    p1080->sarWidth(&s, &t, *videoTrack(720, 576, 16, 15));
+    EXPECT_EQ(s, 16u);
+    EXPECT_EQ(t, 15u);
+    p1080->sarWidth(nullptr, &t, *videoTrack(720, 576, 16, 15)); // either target may be left out
+}
+
+TEST(PresetPicture, ModulusRounding)
+{
+    auto preset = QXPreset::initWithIdentifier(QXPresetApple1080p)->copy();
+    preset->pictureModulus = 16;
+    EXPECT_EQ(preset->roundToModulus(1000), 992u); // 62.5 blocks: ties go down
+    EXPECT_EQ(preset->roundToModulus(1001), 1008u);
+    EXPECT_EQ(preset->roundToModulus(7), 0u);
+    EXPECT_EQ(preset->roundToModulus(9), 16u);
+    EXPECT_EQ(preset->roundToModulus(0), 0u);
+    // 1000x562: width 992, height 992 / 1.779 = 557.5 -> 557 -> 560.
+    EXPECT_EQ(preset->videoWidthForTrack(*videoTrack(1000, 562)), 992u);
+    EXPECT_EQ(preset->videoHeightForTrack(*videoTrack(1000, 562)), 560u);
+
+    preset->pictureModulus = 2;
+    EXPECT_EQ(preset->roundToModulus(999), 998u);
+    EXPECT_EQ(preset->roundToModulus(1), 0u);
+
+    // A modulus of 1 keeps odd sizes; one below 1 is treated alike instead
+    // of dividing by zero.
+    for (int32_t modulus : {1, 0, -4}) {
+        preset->pictureModulus = modulus;
+        EXPECT_EQ(preset->videoWidthForTrack(*videoTrack(999, 500)), 999u) << modulus;
+        EXPECT_EQ(preset->videoHeightForTrack(*videoTrack(999, 500)), 500u) << modulus;
+    }
+}
+
+// The iPod preset scales to its box with square pixels, driven by the
+// display size; only the width of the box holds when the shapes differ.
+TEST(PresetPicture, SquarePixelsFromTheDisplaySize)
+{
+    auto ipod = QXPreset::initWithIdentifier(QXPresetiPod);
+    expectPicture("16:9 display", pictureFor(*ipod, *videoTrack(1920, 1080)), {320, 180, 1, 1, 320, 180});
+    expectPicture("anamorphic PAL: 1024x576 on display",
+                  pictureFor(*ipod, *videoTrack(720, 576, 64, 45)), {320, 180, 1, 1, 320, 180});
+    expectPicture("4:3", pictureFor(*ipod, *videoTrack(640, 480)), {320, 240, 1, 1, 320, 240});
+    expectPicture("odd height: 179.84 cut and made even",
+                  pictureFor(*ipod, *videoTrack(1000, 562)), {320, 178, 1, 1, 320, 178});
+    expectPicture("portrait exceeds the box's height",
+                  pictureFor(*ipod, *videoTrack(1080, 1920)), {320, 568, 1, 1, 320, 568});
+}
+
+// Missing dimensions give zero sizes, never a crash or an undefined cast.
+TEST(PresetPicture, ZeroSizes)
+{
+    auto ipod = QXPreset::initWithIdentifier(QXPresetiPod);
+    auto noDisplayWidth = videoTrack(640, 480);
+    noDisplayWidth->display_width = 0;
+    EXPECT_EQ(ipod->videoWidthForTrack(*noDisplayWidth), 0u);
+    EXPECT_EQ(ipod->videoHeightForTrack(*noDisplayWidth), 240u);
+    auto noDisplay = videoTrack(640, 480);
+    noDisplay->display_width = noDisplay->display_height = 0;
+    EXPECT_EQ(ipod->videoWidthForTrack(*noDisplay), 0u);
+    EXPECT_EQ(ipod->videoHeightForTrack(*noDisplay), 240u);
+    auto noDisplayHeight = videoTrack(640, 480);
+    noDisplayHeight->display_height = 0;
+    EXPECT_EQ(ipod->videoWidthForTrack(*noDisplayHeight), 320u);
+    EXPECT_EQ(ipod->videoHeightForTrack(*noDisplayHeight), 0u);
+
+    auto p1080 = QXPreset::initWithIdentifier(QXPresetApple1080p);
+    for (auto [width, height] : {std::pair<uint64_t, uint64_t>{0, 0}, {1920, 0}, {0, 1080}}) {
+        SCOPED_TRACE(std::to_string(width) + "x" + std::to_string(height));
+        const Picture picture = pictureFor(*p1080, *videoTrack(width, height));
+        EXPECT_EQ(picture.width, width);
+        EXPECT_EQ(picture.height, 0u);
+        EXPECT_LE(picture.displayWidth, float(width));
+        EXPECT_EQ(picture.displayHeight, 0.0f);
+    }
+}
+
+TEST(PresetPassthrough, OnlyFittingMuxableH264OrHEVC)
+{
+    auto passthrough = QXPreset::initWithIdentifier(QXPresetPassthrough);
+    auto hd = videoTrack(1920, 1080);
+    EXPECT_TRUE(passthrough->allowPassthroughForVideoTrack(*hd));
+    EXPECT_FALSE(QXPreset::initWithIdentifier(QXPresetApple1080p)->allowPassthroughForVideoTrack(*hd));
+    EXPECT_TRUE(QXPreset::initWithIdentifier(QXPresetUpdate)->allowPassthroughForVideoTrack(*hd));
+
+    auto hevc = videoTrack(3840, 2160);
+    hevc->codec_id = AV_CODEC_ID_HEVC;
+    EXPECT_TRUE(passthrough->allowPassthroughForVideoTrack(*hevc)); // exactly the box
+    hevc->width = 4096;
+    EXPECT_FALSE(passthrough->allowPassthroughForVideoTrack(*hevc));
+    hevc->width = 2160;
+    hevc->height = 3840; // portrait 4K is taller than the box
+    EXPECT_FALSE(passthrough->allowPassthroughForVideoTrack(*hevc));
+
+    auto high10 = videoTrack(1280, 720);
+    high10->profile = 110; // not muxable
+    EXPECT_FALSE(passthrough->allowPassthroughForVideoTrack(*high10));
+    auto transportStream = videoTrack(1280, 720);
+    transportStream->formatFlags = AVFMT_TS_DISCONT;
+    EXPECT_FALSE(passthrough->allowPassthroughForVideoTrack(*transportStream));
+
+    // A derived preset with a smaller box and no encode requirement.
+    auto small = QXPreset::initWithIdentifier(QXPresetApple720p)->copy();
+    small->requireEncode = false;
+    EXPECT_TRUE(small->allowPassthroughForVideoTrack(*videoTrack(1280, 720)));
+    EXPECT_FALSE(small->allowPassthroughForVideoTrack(*hd));
+}
