@@ -220,7 +220,7 @@ bool QXMuxer::startWritingWithCompletionHandler(std::function<void()> handler, Q
     for (const auto& input : inputs) {
         if (!input->destination->writeTrackAssociationsToFile(*handle, error)) return cleanupOnError();
     }
-    // The tags of `metadata` are written here by the MP4 tag binding.
+    if (metadata) metadata->writeToFile(*handle); // never fails a run
 
     dispatch_group_t group = dispatch_group_create();
     auto self = shared_from_this();

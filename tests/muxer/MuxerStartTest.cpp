@@ -129,7 +129,7 @@ TEST(MuxerStart, AFailedStartReportsOnceAndStartsNoInput)
     EXPECT_TRUE(log.lines().empty());
 }
 
-TEST(MuxerFinish, TheDateAndTheTagsOfTheRecordGoToTheFileAndLateInputsAreIgnored)
+TEST(MuxerFinish, TheRecordsTagsDateAndNamesGoToTheFileAndLateInputsAreIgnored)
 {
     auto dir = qxtest::makeTempDir("muxer-attributes");
     qxtest::LogCapture log;
@@ -139,6 +139,7 @@ TEST(MuxerFinish, TheDateAndTheTagsOfTheRecordGoToTheFileAndLateInputsAreIgnored
     const QXDate date = std::chrono::sys_days(std::chrono::year(2001) / 2 / 3);
     run.muxer->metadata->creationDate.set(date);
     run.muxer->metadata->tags.set(QXStringList {"Red", "Holiday"});
+    run.muxer->metadata->name.set(std::string("Written Title"));
     auto input = TestInput::make(Kind::Subtitle, 1000);
     run.muxer->addInput(input);
     ASSERT_TRUE(run.start());
@@ -148,6 +149,9 @@ TEST(MuxerFinish, TheDateAndTheTagsOfTheRecordGoToTheFileAndLateInputsAreIgnored
     ASSERT_TRUE(run.waitForCompletion());
     EXPECT_EQ(run.muxer->status, QXMuxerStatusCompleted);
     EXPECT_EQ(std::chrono::file_clock::to_sys(fs::last_write_time(path)), date);
+    std::string probed;
+    qxtest::run("ffprobe -v error -show_entries format_tags=title -of csv=p=0 '" + path.string() + "'", &probed);
+    EXPECT_EQ(probed, "Written Title\n") << "the record's tags are in the file";
     char tags[64] = {};
     const ssize_t size = ::getxattr(path.c_str(), "user.xdg.tags", tags, sizeof tags - 1);
     if (size >= 0) {
