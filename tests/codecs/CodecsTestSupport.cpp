@@ -44,17 +44,6 @@ StreamPackets readStream(const std::filesystem::path& path, size_t maxPackets)
     return result;
 }
 
-std::vector<uint8_t> boxPayload(const std::filesystem::path& path, const std::string& type)
-{
-    const std::string data = readFile(path);
-    const size_t at = data.find(type);
-    if (at == std::string::npos || at < 4) return {};
-    const auto* size = reinterpret_cast<const uint8_t*>(data.data() + at - 4);
-    const size_t length = (size_t(size[0]) << 24) | (size_t(size[1]) << 16) | (size_t(size[2]) << 8) | size[3];
-    if (length < 8 || at - 4 + length > data.size()) return {};
-    return bytesOf(data.substr(at + 4, length - 8));
-}
-
 std::vector<uint8_t> bytesOf(const std::string& text)
 {
     return std::vector<uint8_t>(text.begin(), text.end());

@@ -1,11 +1,13 @@
 #pragma once
 // Reading generated media for the bit-stream tests: packets and stream
-// parameters through libavformat, and box payloads straight from MP4 bytes.
+// parameters through libavformat (box payloads are in support/TestMedia.h).
 
 #include <cstdint>
 #include <filesystem>
 #include <string>
 #include <vector>
+
+#include "support/TestMedia.h"
 
 namespace qxtest {
 
@@ -23,9 +25,6 @@ struct StreamPackets {
 
 // The first stream's parameters and up to maxPackets of its packets.
 StreamPackets readStream(const std::filesystem::path& path, size_t maxPackets = 1000);
-
-// The payload of the first box of this type found anywhere in the file.
-std::vector<uint8_t> boxPayload(const std::filesystem::path& path, const std::string& type);
 
 std::vector<uint8_t> bytesOf(const std::string& text);
 std::string hex(const std::vector<uint8_t>& bytes);

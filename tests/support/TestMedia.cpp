@@ -77,6 +77,35 @@ std::string readFile(const std::filesystem::path& path)
     return buffer.str();
 }
 
+std::vector<uint8_t> boxPayload(const std::filesystem::path& path, const std::string& type)
+{
+    const std::string data = readFile(path);
+    const size_t at = data.find(type);
+    if (at == std::string::npos || at < 4) return {};
+    const auto* size = reinterpret_cast<const uint8_t*>(data.data() + at - 4);
+    const size_t length = (size_t(size[0]) << 24) | (size_t(size[1]) << 16) | (size_t(size[2]) << 8) | size[3];
+    if (length < 8 || at - 4 + length > data.size()) return {};
+    return std::vector<uint8_t>(data.begin() + std::ptrdiff_t(at + 4), data.begin() + std::ptrdiff_t(at - 4 + length));
+}
+
+void ScopedEnvironment::set(const char* name, const char* value)
+{
+    if (!saved_.count(name)) {
+        const char* old = std::getenv(name);
+        saved_[name] = old ? std::optional<std::string>(old) : std::nullopt;
+    }
+    if (value) ::setenv(name, value, 1);
+    else ::unsetenv(name);
+}
+
+ScopedEnvironment::~ScopedEnvironment()
+{
+    for (const auto& [name, value] : saved_) {
+        if (value) ::setenv(name.c_str(), value->c_str(), 1);
+        else ::unsetenv(name.c_str());
+    }
+}
+
 LogCapture::LogCapture()
 {
     QXMedia::sharedMedia().setLogCallback([this](bool log, int32_t flag, int32_t, const char* file,

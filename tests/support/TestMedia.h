@@ -4,7 +4,9 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,6 +29,22 @@ std::filesystem::path generate(const std::string& name, const std::string& ffmpe
 // Writes text to a file, creating folders.
 void writeFile(const std::filesystem::path& path, const std::string& text);
 std::string readFile(const std::filesystem::path& path);
+// The payload of the first box of this type found anywhere in an MP4 file;
+// empty when there is none.
+std::vector<uint8_t> boxPayload(const std::filesystem::path& path, const std::string& type);
+
+// Sets environment variables for its lifetime and restores them afterwards.
+class ScopedEnvironment {
+public:
+    ScopedEnvironment() = default;
+    ScopedEnvironment(const ScopedEnvironment&) = delete;
+    ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;
+    ~ScopedEnvironment();
+    void set(const char* name, const char* value); // null unsets
+
+private:
+    std::map<std::string, std::optional<std::string>> saved_;
+};
 
 struct LogLine {
     bool log;
