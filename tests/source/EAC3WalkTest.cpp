@@ -1,3 +1,5 @@
+// The walk through an E-AC-3 frame header to the object-audio mark in its additional bsi.
+
 #include <gtest/gtest.h>
 
 #include "qxmedia/platform/codecs/AC3Header.h"
@@ -71,21 +73,22 @@ Mark walk(const std::vector<uint8_t>& frame)
 
 TEST(EAC3BitstreamWalk, FindsTheObjectAudioMarkInTheAdditionalBsi)
 {
-    const Mark atmos = walk(eac3Frame(false, {0x01, 16}));
-    EXPECT_EQ(atmos.flag, 1);
-    EXPECT_EQ(atmos.complexity, 16);
-
-    const Mark plain = walk(eac3Frame(false, {0x00, 16}));
-    EXPECT_EQ(plain.flag, 0) << "the lowest bit of the first byte is the mark";
-    const Mark none = walk(eac3Frame(false, {}));
-    EXPECT_EQ(none.flag, 0);
-}
-
-TEST(EAC3BitstreamWalk, StepsOverMixingMetadataToTheMark)
-{
-    const Mark atmos = walk(eac3Frame(true, {0x01, 12}));
-    EXPECT_EQ(atmos.flag, 1);
-    EXPECT_EQ(atmos.complexity, 12);
+    struct Case {
+        bool mixing;
+        std::vector<uint8_t> addbsi;
+        uint8_t flag, complexity;
+    };
+    // The lowest bit of the first byte is the mark; mixing metadata is stepped over.
+    const Case cases[] = {{false, {0x01, 16}, 1, 16}, {false, {0x00, 16}, 0, 0}, {false, {}, 0, 0},
+                          {true, {0x01, 12}, 1, 12}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << "mixing " << c.mixing << ", " << c.addbsi.size() << " bytes");
+        const Mark mark = walk(eac3Frame(c.mixing, c.addbsi));
+        EXPECT_EQ(mark.flag, c.flag);
+        if (c.flag) {
+            EXPECT_EQ(mark.complexity, c.complexity);
+        }
+    }
 }
 
 TEST(EAC3BitstreamWalk, TruncatedFrameSetsNothing)
