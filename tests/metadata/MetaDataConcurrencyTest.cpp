@@ -1,3 +1,5 @@
+// Metadata records shared between threads: nested reads beside a waiting writer, readers beside a writer.
+
 #include <gtest/gtest.h>
 
 #include <atomic>
