@@ -1,3 +1,5 @@
+// The iTunes item codec: tags to items and back, their byte layout, rewrites that keep what they do not change, damage.
+
 #include <gtest/gtest.h>
 
 #include "qxmedia/mp4/tags/MP4Itmf.h"
