@@ -1,3 +1,5 @@
+// Barriers on a concurrent queue: overlapping reads, lone writers, order, nested reads, misuse.
+
 #include <gtest/gtest.h>
 
 #include <atomic>

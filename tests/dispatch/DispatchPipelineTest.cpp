@@ -1,3 +1,5 @@
+// Chains of serial queues with semaphores as back-pressure, the way the conversion pipeline runs.
+
 #include <gtest/gtest.h>
 
 #include <atomic>

@@ -1,3 +1,5 @@
+// Serial and global queues: order, exclusion, names, no starvation, the growing pool, apply, once.
+
 #include <gtest/gtest.h>
 
 #include <atomic>

@@ -1,3 +1,5 @@
+// Times, semaphores and groups: counts, timeouts, wake-ups, races, notification, misuse.
+
 #include <gtest/gtest.h>
 
 #include <atomic>
