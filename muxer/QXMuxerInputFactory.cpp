@@ -9,6 +9,8 @@ extern "C" {
 
 #include "qxmedia/core/QXMedia.h"
 #include "qxmedia/muxer/QXMuxerInput.h"
+#include "qxmedia/muxer/QXMuxerRawH264Input.h"
+#include "qxmedia/muxer/QXMuxerRawTX3GInput.h"
 
 namespace {
 
@@ -37,12 +39,12 @@ struct InputClasses {
 //   E-AC-3:      QXMuxerEAC3Input / QXMuxerRawEAC3Input
 //   mov_text:    QXMuxerRawTX3GInput both ways
 const std::array<InputClasses, 6> kInputClasses {{
-    {AV_CODEC_ID_H264, nullptr, nullptr},
-    {AV_CODEC_ID_HEVC, nullptr, nullptr},
+    {AV_CODEC_ID_H264, nullptr, &make<QXMuxerRawH264Input>},
+    {AV_CODEC_ID_HEVC, nullptr, &make<QXMuxerRawH264Input>},
     {AV_CODEC_ID_AAC, nullptr, nullptr},
     {AV_CODEC_ID_AC3, nullptr, nullptr},
     {AV_CODEC_ID_EAC3, nullptr, nullptr},
-    {AV_CODEC_ID_MOV_TEXT, nullptr, nullptr},
+    {AV_CODEC_ID_MOV_TEXT, &make<QXMuxerRawTX3GInput>, &make<QXMuxerRawTX3GInput>},
 }};
 
 } // namespace

@@ -197,4 +197,35 @@ bool waitUntil(const std::function<bool()>& condition)
     return true;
 }
 
+std::shared_ptr<QXTrack> makeH264Track(int32_t timescale)
+{
+    auto video = QXVideoTrack::init();
+    video->codec_id = AV_CODEC_ID_H264;
+    video->naturalTimeScale = timescale;
+    video->frameRate = {25, 1};
+    video->width = 320;
+    video->height = 240;
+    video->profile = kSPS[1];
+    video->profile_compat = kSPS[2];
+    video->level = kSPS[3];
+    video->sps = {QXData(std::begin(kSPS), std::end(kSPS))};
+    video->pps = {QXData(std::begin(kPPS), std::end(kPPS))};
+    return video;
+}
+
+CMSampleBufferRef makeSampleWithBytes(const std::vector<uint8_t>& bytes, int64_t pts, int64_t dts, int64_t duration,
+                                      int32_t timescale, bool key)
+{
+    size_t size = bytes.size();
+    CMBlockBufferRef block;
+    CMBlockBufferCreateWithMemoryBlock(nullptr, nullptr, size, nullptr, nullptr, 0, size,
+                                       kCMBlockBufferAssureMemoryNowFlag, &block);
+    CMBlockBufferReplaceDataBytes(bytes.data(), block, 0, size);
+    CMSampleTimingInfo timing {CMTimeMake(duration, timescale), CMTimeMake(pts, timescale), CMTimeMake(dts, timescale)};
+    CMSampleBufferRef sample;
+    CMSampleBufferCreate(nullptr, block, true, {}, nullptr, nullptr, 1, 1, &timing, 1, &size, &sample);
+    if (!key) CMSampleBufferGetFirstSampleAttachments(sample, true)->setValue(kCMSampleAttachmentKey_NotSync, true);
+    return sample;
+}
+
 } // namespace muxertest

@@ -96,4 +96,12 @@ std::string ffprobe(const std::string& arguments, const std::filesystem::path& f
 
 bool waitUntil(const std::function<bool()>& condition);
 
+// A destination for copied H.264: 320x240 Baseline with the parameter sets
+// of TestInput's video, times in `timescale`.
+std::shared_ptr<QXTrack> makeH264Track(int32_t timescale);
+
+// A sample holding exactly `bytes`, with times in `timescale`.
+qx::CMSampleBufferRef makeSampleWithBytes(const std::vector<uint8_t>& bytes, int64_t pts, int64_t dts,
+                                          int64_t duration, int32_t timescale, bool key = true);
+
 } // namespace muxertest
