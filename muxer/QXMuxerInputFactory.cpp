@@ -11,6 +11,8 @@ extern "C" {
 #include "qxmedia/muxer/QXMuxerInput.h"
 #include "qxmedia/muxer/QXMuxerRawH264Input.h"
 #include "qxmedia/muxer/QXMuxerRawTX3GInput.h"
+#include "qxmedia/muxer/QXMuxerAC3Input.h"
+#include "qxmedia/muxer/QXMuxerRawAudioInput.h"
 
 namespace {
 
@@ -41,9 +43,9 @@ struct InputClasses {
 const std::array<InputClasses, 6> kInputClasses {{
     {AV_CODEC_ID_H264, nullptr, &make<QXMuxerRawH264Input>},
     {AV_CODEC_ID_HEVC, nullptr, &make<QXMuxerRawH264Input>},
-    {AV_CODEC_ID_AAC, nullptr, nullptr},
-    {AV_CODEC_ID_AC3, nullptr, nullptr},
-    {AV_CODEC_ID_EAC3, nullptr, nullptr},
+    {AV_CODEC_ID_AAC, nullptr, &make<QXMuxerRawAACInput>},
+    {AV_CODEC_ID_AC3, &make<QXMuxerAC3Input>, &make<QXMuxerRawAC3Input>},
+    {AV_CODEC_ID_EAC3, &make<QXMuxerEAC3Input>, &make<QXMuxerRawEAC3Input>},
     {AV_CODEC_ID_MOV_TEXT, &make<QXMuxerRawTX3GInput>, &make<QXMuxerRawTX3GInput>},
 }};
 

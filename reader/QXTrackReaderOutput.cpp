@@ -5,6 +5,7 @@ extern "C" {
 }
 
 #include "qxmedia/core/QXMedia.h"
+#include "qxmedia/reader/QXTrackReaderAudioOutput.h"
 #include "qxmedia/reader/QXTrackReaderH264Output.h"
 #include "qxmedia/reader/QXTrackReaderRawAudioOutput.h"
 #include "qxmedia/source/QXMovie.h"
@@ -34,6 +35,7 @@ std::shared_ptr<QXTrackReaderOutput> QXTrackReaderOutput::initWithSource(const s
     // of their own still to come; they get the pass-through base meanwhile.
     const QXMediaType type = source ? source->mediaType() : nullptr;
     if (type == AVMediaTypeAudio && !encode) return QXTrackReaderRawAudioOutput::initWithSource(source, destination);
+    if (type == AVMediaTypeAudio && encode) return QXTrackReaderAudioOutput::initWithSource(source, destination);
     if (type == AVMediaTypeVideo && !encode) {
         if (needsDecoderForTiming(*source)) return QXTrackReaderH264DecoderOutput::initWithSource(source, destination);
         return QXTrackReaderH264Output::initWithSource(source, destination);
