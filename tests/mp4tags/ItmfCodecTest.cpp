@@ -190,18 +190,6 @@ TEST(MP4TagsCodec, StoreRewritesOnlyWhatChanged)
     const std::vector<uint8_t> untouched(ilst.begin() + 27, ilst.end()); // all but ©nam
     EXPECT_NE(std::search(written.begin(), written.end(), untouched.begin(), untouched.end()), written.end())
         << "tmpo, akID, the unknown and the free-form item keep their bytes";
-
-    // Unset fields remove their items, the others stay.
-    MP4Tags cleared = tags;
-    cleared.name.reset();
-    cleared.tempo.reset();
-    MP4ItmfItemList removed = items;
-    MP4TagsStore(cleared, removed);
-    for (const MP4ItmfItem& item : removed) {
-        EXPECT_NE(item.code, "\xa9nam");
-        EXPECT_NE(item.code, "tmpo");
-    }
-    EXPECT_EQ(removed.size(), 4u);
 }
 
 TEST(MP4TagsCodec, ToleratesOddValues)

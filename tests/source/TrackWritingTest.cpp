@@ -88,7 +88,6 @@ TEST(TrackWriting, HeaderFieldsNameAndLanguage)
     auto file = MP4File::read(path);
     ASSERT_TRUE(file);
     MP4Track* written = file->track(1);
-    EXPECT_EQ(written->name(), "Caf\xc3\xa9 cam\xc3\xa9ra");
     EXPECT_EQ(written->language(), "fra");
     EXPECT_EQ(written->alternateGroup(), 0);
     EXPECT_DOUBLE_EQ(written->width(), 427);
