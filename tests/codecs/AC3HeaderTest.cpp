@@ -6,7 +6,6 @@ extern "C" {
 #include <libavutil/channel_layout.h>
 }
 
-#include "CodecsTestSupport.h"
 #include "qxmedia/platform/codecs/AC3Header.h"
 #include "qxmedia/platform/codecs/EAC3Configuration.h"
 #include "support/TestMedia.h"
@@ -156,7 +155,7 @@ TEST(AC3Header, AgreesWithFFmpegOnEncodedStreams)
         ASSERT_GT(stream.packets.size(), 10u);
         // The raw demuxers' packets are not frames: walk the bytes.
         std::vector<uint8_t> all;
-        for (const auto& packet : stream.packets) all.insert(all.end(), packet.begin(), packet.end());
+        for (const auto& packet : stream.packets) all.insert(all.end(), packet.data.begin(), packet.data.end());
         size_t offset = 0, frames = 0;
         while (offset < all.size()) {
             AC3HeaderInfo header;
@@ -188,7 +187,7 @@ TEST(AC3Header, Dac3MatchesFFmpegMuxer)
     const auto stream = qxtest::readStream(path, 3);
     ASSERT_FALSE(stream.packets.empty());
     AC3HeaderInfo header;
-    ASSERT_EQ(parseAC3Header(stream.packets[0].data(), stream.packets[0].size(), header), 0);
+    ASSERT_EQ(parseAC3Header(stream.packets[0].data.data(), stream.packets[0].data.size(), header), 0);
     EXPECT_EQ(header.bitstream_mode, 2); // visually impaired
     const auto dac3 = createDac3Payload(header);
     EXPECT_EQ(qxtest::hex({dac3.begin(), dac3.end()}), qxtest::hex(qxtest::boxPayload(path, "dac3")));
@@ -321,7 +320,7 @@ TEST(EAC3Header, ServiceTypeOfEncodedStream)
     const auto stream = qxtest::readStream(path, 2);
     ASSERT_FALSE(stream.packets.empty());
     AC3BitstreamInfo info;
-    ASSERT_EQ(parseAC3BitstreamInfo(stream.packets[0].data(), stream.packets[0].size(), info), 0);
+    ASSERT_EQ(parseAC3BitstreamInfo(stream.packets[0].data.data(), stream.packets[0].data.size(), info), 0);
     EXPECT_EQ(info.header.bitstream_mode, 2);
 }
 
@@ -337,7 +336,7 @@ TEST(EAC3Configuration, Dec3MatchesFFmpegMuxer)
         const auto stream = qxtest::readStream(path, 10);
         EAC3ConfigurationBuilder builder;
         int used = 0;
-        for (const auto& packet : stream.packets) used += builder.addPacket(packet.data(), packet.size());
+        for (const auto& packet : stream.packets) used += builder.addPacket(packet.data.data(), packet.data.size());
         EXPECT_EQ(used, 1); // one frame a packet; the next comes round to substream 0
         EXPECT_TRUE(builder.isComplete());
         EXPECT_EQ(qxtest::hex(builder.createDec3Payload()), qxtest::hex(qxtest::boxPayload(path, "dec3")));

@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include "CodecsTestSupport.h"
 #include "qxmedia/platform/codecs/HEVCConfiguration.h"
 #include "qxmedia/platform/codecs/NALUnits.h"
 #include "qxmedia/platform/codecs/ParameterSetParser.h"
@@ -127,7 +126,8 @@ TEST(NALUnits, RoundTripOfEncodedSamples)
         ASSERT_FALSE(path.empty());
         const auto stream = qxtest::readStream(path);
         ASSERT_GT(stream.packets.size(), 10u);
-        for (const auto& packet : stream.packets) {
+        for (const qxtest::Packet& sample : stream.packets) {
+            const Bytes& packet = sample.data;
             std::vector<NALUnit> units;
             ASSERT_TRUE(splitLengthPrefixed(packet.data(), packet.size(), 4, units));
             Bytes annexB;
@@ -193,7 +193,7 @@ TEST(HvcC, MatchesFFmpegMuxer)
         const auto stream = qxtest::readStream(raw, 1);
         ASSERT_EQ(stream.packets.size(), 1u);
         std::vector<NALUnit> units;
-        for (NALUnit unit : headerUnits(NALCodec::HEVC, stream.packets[0])) {
+        for (NALUnit unit : headerUnits(NALCodec::HEVC, stream.packets[0].data)) {
             if (hevcNALType(unit) < HEVCNALSEIPrefix) units.push_back(unit);
         }
         const auto recorded = readParameterSets(NALCodec::HEVC, hvcC.data(), hvcC.size());
@@ -211,7 +211,7 @@ TEST(HvcC, NeedsAllParameterSets)
     ASSERT_FALSE(raw.empty());
     const auto stream = qxtest::readStream(raw, 1);
     ASSERT_EQ(stream.packets.size(), 1u);
-    auto units = headerUnits(NALCodec::HEVC, stream.packets[0]);
+    auto units = headerUnits(NALCodec::HEVC, stream.packets[0].data);
     ASSERT_GE(units.size(), 3u);
     for (size_t drop = 0; drop < 3; ++drop) {
         auto fewer = units;

@@ -195,7 +195,7 @@ TEST(MP4Optimize, MovesMoovFirstAndKeepsEverySample)
 
 TEST(MP4Large, DataBeyondFourGiBUsesCo64AndA64BitMdat)
 {
-    auto video = mp4test::readStream(movie("mp4-modify-moovlast.mp4", ""), AVMEDIA_TYPE_VIDEO);
+    auto video = qxtest::readStream(movie("mp4-modify-moovlast.mp4", ""), SIZE_MAX, AVMEDIA_TYPE_VIDEO);
     ASSERT_FALSE(video.packets.empty());
     auto dir = qxtest::makeTempDir("mp4-large");
     for (bool use64 : {false, true}) {

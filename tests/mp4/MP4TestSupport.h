@@ -1,6 +1,6 @@
 #pragma once
 // Helpers of the MP4 layer tests: a capture of the layer's log lines, and
-// packets of ffmpeg-made sources read with libavformat.
+// what other tools say of a file (packets come from qxtest::readStream).
 
 #include "qxmedia/mp4/MP4Log.h"
 #include "support/TestMedia.h"
@@ -70,63 +70,6 @@ private:
         if (current()) current()->lines.push_back({level, format, buffer});
     }
 };
-
-struct Packet {
-    std::vector<uint8_t> data;
-    int64_t pts = 0, dts = 0, duration = 0;
-    bool key = false;
-};
-
-struct Stream {
-    AVMediaType type = AVMEDIA_TYPE_UNKNOWN;
-    AVCodecID codec = AV_CODEC_ID_NONE;
-    AVRational timeBase {1, 1};
-    std::vector<uint8_t> extradata;
-    int width = 0, height = 0, sampleRate = 0, channels = 0, frameSize = 0;
-    std::vector<Packet> packets;
-};
-
-// Every packet of the first stream of `type` in `path`.
-inline Stream readStream(const std::filesystem::path& path, AVMediaType type)
-{
-    Stream stream;
-    AVFormatContext* context = nullptr;
-    if (avformat_open_input(&context, path.c_str(), nullptr, nullptr) < 0) return stream;
-    if (avformat_find_stream_info(context, nullptr) < 0) {
-        avformat_close_input(&context);
-        return stream;
-    }
-    int index = av_find_best_stream(context, type, -1, -1, nullptr, 0);
-    if (index >= 0) {
-        AVStream* s = context->streams[index];
-        AVCodecParameters* p = s->codecpar;
-        stream.type = type;
-        stream.codec = p->codec_id;
-        stream.timeBase = s->time_base;
-        if (p->extradata) stream.extradata.assign(p->extradata, p->extradata + p->extradata_size);
-        stream.width = p->width;
-        stream.height = p->height;
-        stream.sampleRate = p->sample_rate;
-        stream.channels = p->ch_layout.nb_channels;
-        stream.frameSize = p->frame_size;
-        AVPacket* packet = av_packet_alloc();
-        while (av_read_frame(context, packet) >= 0) {
-            if (packet->stream_index == index) {
-                Packet copy;
-                copy.data.assign(packet->data, packet->data + packet->size);
-                copy.pts = packet->pts;
-                copy.dts = packet->dts;
-                copy.duration = packet->duration;
-                copy.key = packet->flags & AV_PKT_FLAG_KEY;
-                stream.packets.push_back(std::move(copy));
-            }
-            av_packet_unref(packet);
-        }
-        av_packet_free(&packet);
-    }
-    avformat_close_input(&context);
-    return stream;
-}
 
 // Runs a command and returns its output (stdout and stderr).
 inline std::string output(const std::string& command)

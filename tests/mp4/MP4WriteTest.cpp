@@ -12,7 +12,7 @@
 #include <functional>
 
 using namespace qx::mp4;
-using mp4test::Stream;
+using Stream = qxtest::StreamPackets;
 
 namespace {
 
@@ -46,7 +46,7 @@ void queueStream(std::vector<Pending>& queue, MP4File& file, uint32_t trackId, c
 {
     int64_t firstDts = stream.packets.empty() ? 0 : stream.packets.front().dts;
     for (const auto& packet : stream.packets) {
-        double time = double(packet.dts - firstDts) * av_q2d(stream.timeBase);
+        double time = double(packet.dts - firstDts) * stream.timeBase.num / stream.timeBase.den;
         queue.push_back({time, [&file, trackId, &packet, dependencies] {
                              int64_t offset = packet.pts - packet.dts;
                              if (dependencies)
@@ -111,10 +111,10 @@ std::vector<uint8_t> tx3gSample(const std::string& text)
 
 TEST(MP4Write, H264AacAc3SubtitlesAndChaptersAreReadByOtherTools)
 {
-    Stream video = mp4test::readStream(h264Source(), AVMEDIA_TYPE_VIDEO);
-    Stream aac = mp4test::readStream(audioSource("aac", "stereo"), AVMEDIA_TYPE_AUDIO);
+    Stream video = qxtest::readStream(h264Source(), SIZE_MAX, AVMEDIA_TYPE_VIDEO);
+    Stream aac = qxtest::readStream(audioSource("aac", "stereo"), SIZE_MAX, AVMEDIA_TYPE_AUDIO);
     auto ac3Path = audioSource("ac3", "5.1");
-    Stream ac3 = mp4test::readStream(ac3Path, AVMEDIA_TYPE_AUDIO);
+    Stream ac3 = qxtest::readStream(ac3Path, SIZE_MAX, AVMEDIA_TYPE_AUDIO);
     ASSERT_GT(video.packets.size(), 70u);
     ASSERT_FALSE(aac.packets.empty() || ac3.packets.empty());
     // The dac3 fields of the source, as the stream analysis would find them.
@@ -255,9 +255,9 @@ TEST(MP4Write, HevcAndEac3KeepTheirConfigurationRecords)
     auto hevcPath = source("mp4-hevc.mp4", "-f lavfi -i testsrc2=size=320x240:rate=25:duration=2 -c:v libx265 "
                                            "-preset ultrafast -pix_fmt yuv420p -tag:v hvc1 -x265-params log-level=error");
     auto eac3Path = audioSource("eac3", "5.1");
-    Stream hevc = mp4test::readStream(hevcPath, AVMEDIA_TYPE_VIDEO);
-    Stream eac3 = mp4test::readStream(eac3Path, AVMEDIA_TYPE_AUDIO);
-    ASSERT_EQ(hevc.codec, AV_CODEC_ID_HEVC);
+    Stream hevc = qxtest::readStream(hevcPath, SIZE_MAX, AVMEDIA_TYPE_VIDEO);
+    Stream eac3 = qxtest::readStream(eac3Path, SIZE_MAX, AVMEDIA_TYPE_AUDIO);
+    ASSERT_EQ(hevc.codec, int(AV_CODEC_ID_HEVC));
     ASSERT_FALSE(hevc.extradata.empty());
     auto eac3File = MP4File::read(eac3Path);
     ASSERT_TRUE(eac3File);

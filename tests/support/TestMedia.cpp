@@ -6,6 +6,10 @@
 #include <sstream>
 #include <unistd.h>
 
+extern "C" {
+#include <libavformat/avformat.h>
+}
+
 #include "qxmedia/core/QXMedia.h"
 
 namespace qxtest {
@@ -86,6 +90,56 @@ std::vector<uint8_t> boxPayload(const std::filesystem::path& path, const std::st
     const size_t length = (size_t(size[0]) << 24) | (size_t(size[1]) << 16) | (size_t(size[2]) << 8) | size[3];
     if (length < 8 || at - 4 + length > data.size()) return {};
     return std::vector<uint8_t>(data.begin() + std::ptrdiff_t(at + 4), data.begin() + std::ptrdiff_t(at - 4 + length));
+}
+
+StreamPackets readStream(const std::filesystem::path& path, size_t maxPackets, int mediaType)
+{
+    StreamPackets result;
+    AVFormatContext* context = nullptr;
+    if (avformat_open_input(&context, path.c_str(), nullptr, nullptr) < 0) return result;
+    const int index = avformat_find_stream_info(context, nullptr) < 0 || context->nb_streams == 0 ? -1
+                      : mediaType < 0 ? 0
+                                      : av_find_best_stream(context, AVMediaType(mediaType), -1, -1, nullptr, 0);
+    if (index >= 0) {
+        const AVStream* stream = context->streams[index];
+        const AVCodecParameters* p = stream->codecpar;
+        result.codec = p->codec_id;
+        result.timeBase = {stream->time_base.num, stream->time_base.den};
+        result.sampleRate = p->sample_rate;
+        result.channels = p->ch_layout.nb_channels;
+        if (p->ch_layout.order == AV_CHANNEL_ORDER_NATIVE) result.channelMask = p->ch_layout.u.mask;
+        result.bitRate = p->bit_rate;
+        result.width = p->width;
+        result.height = p->height;
+        result.profile = p->profile;
+        result.level = p->level;
+        result.sarNum = p->sample_aspect_ratio.num;
+        result.sarDen = p->sample_aspect_ratio.den;
+        result.colorPrimaries = p->color_primaries;
+        result.colorTrc = p->color_trc;
+        result.colorSpace = p->color_space;
+        result.colorRange = p->color_range;
+        if (p->extradata) result.extradata.assign(p->extradata, p->extradata + p->extradata_size);
+        AVPacket* packet = av_packet_alloc();
+        while (result.packets.size() < maxPackets && av_read_frame(context, packet) >= 0) {
+            if (packet->stream_index == index) {
+                result.packets.push_back({{packet->data, packet->data + packet->size}, packet->pts, packet->dts,
+                                          packet->duration, (packet->flags & AV_PKT_FLAG_KEY) != 0});
+            }
+            av_packet_unref(packet);
+        }
+        av_packet_free(&packet);
+    }
+    avformat_close_input(&context);
+    return result;
+}
+
+std::string hex(const std::vector<uint8_t>& bytes)
+{
+    static const char digits[] = "0123456789abcdef";
+    std::string text;
+    for (uint8_t byte : bytes) text += {digits[byte >> 4], digits[byte & 15]};
+    return text;
 }
 
 void ScopedEnvironment::set(const char* name, const char* value)

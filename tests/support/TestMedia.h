@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <limits>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -32,6 +33,34 @@ std::string readFile(const std::filesystem::path& path);
 // The payload of the first box of this type found anywhere in an MP4 file;
 // empty when there is none.
 std::vector<uint8_t> boxPayload(const std::filesystem::path& path, const std::string& type);
+
+struct Packet {
+    std::vector<uint8_t> data;
+    int64_t pts = 0, dts = 0, duration = 0;
+    bool key = false;
+};
+
+// A stream's parameters and packets, as libavformat reads them.
+struct StreamPackets {
+    int codec = 0; // an AVCodecID
+    struct {
+        int num = 0, den = 1;
+    } timeBase;
+    int sampleRate = 0, channels = 0, width = 0, height = 0, profile = 0, level = 0;
+    uint64_t channelMask = 0;
+    int64_t bitRate = 0;
+    int sarNum = 0, sarDen = 0;
+    int colorPrimaries = 0, colorTrc = 0, colorSpace = 0, colorRange = 0;
+    std::vector<uint8_t> extradata;
+    std::vector<Packet> packets;
+};
+
+// Up to maxPackets packets of the file's best stream of a media type (an
+// AVMediaType), or of its first stream for -1, with the stream's parameters.
+StreamPackets readStream(const std::filesystem::path& path, size_t maxPackets = std::numeric_limits<size_t>::max(),
+                         int mediaType = -1);
+// Lower-case hex digits of bytes, for comparisons that print readably.
+std::string hex(const std::vector<uint8_t>& bytes);
 
 // Sets environment variables for its lifetime and restores them afterwards.
 class ScopedEnvironment {
