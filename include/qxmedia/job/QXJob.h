@@ -1,0 +1,180 @@
+#pragma once
+// QXJob: one unit of work. It takes a movie (and whatever was attached to
+// it), a preset and a few switches, and produces one output file or rewrites
+// the source in place.
+//
+// A host makes the job with initWithMovie, sets the fields it wants, edits
+// the plan while canEditChapters() holds, calls queue() when it puts the job
+// into its own list and start() on a thread of its own when the job's turn
+// comes; then it waits with waitUntilFinished() or watches status and
+// progress. The framework keeps no queue: queue() only sets a status.
+//
+// Threads: start() runs on the caller's thread and returns once the run is
+// set going; togglePause() and cancel() may come from any thread at any
+// time, also after the end. The end of a run is told by one signal of
+// processing_semaphore.
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "qxmedia/job/QXTrackJob.h"
+#include "qxmedia/platform/dispatch/dispatch.h"
+#include "qxmedia/platform/foundation/QXError.h"
+#include "qxmedia/platform/foundation/QXValue.h"
+#include "qxmedia/platform/plist/QXKeyedArchiver.h"
+
+class QXChapterTrack;
+class QXMediaManagerTrack;
+class QXMetaData;
+class QXMovie;
+class QXPreset;
+class QXProgress;
+class QXSubtitleTrack;
+class QXVideoTrack;
+
+// Ordered: below Finished a job has not ended, below Failed it has neither
+// failed nor been cancelled. Hosts compare the numbers.
+enum QXJobStatus : int64_t {
+    QXJobStatusIdle = 0,
+    QXJobStatusQueued = 1,
+    QXJobStatusProcessing = 2,
+    QXJobStatusOptimizing = 3,
+    QXJobStatusAddingToLibrary = 4,
+    QXJobStatusFinished = 5,
+    QXJobStatusFailed = 6,
+    QXJobStatusCancelled = 7,
+};
+
+// What estimatedTimeLeft() answers while nothing sensible can be said.
+constexpr double QXJobTimeLeftUnknown = 978307200.0;
+
+namespace qx {
+// Seconds of a monotonic clock, the time base of a job's startTime.
+double CACurrentMediaTime();
+} // namespace qx
+
+class QXJob : public QXCoding, public std::enable_shared_from_this<QXJob> {
+public:
+    QXJob() = default;
+    ~QXJob() override;
+    QXJob(const QXJob&) = delete;
+    QXJob& operator=(const QXJob&) = delete;
+
+    // A job that only holds a status (what an archive brings back).
+    static std::shared_ptr<QXJob> init();
+    // A job with its plan already made from the preset; `preset` may be
+    // replaced by a fallback on the way.
+    static std::shared_ptr<QXJob> initWithMovie(const std::shared_ptr<QXMovie>& movie,
+                                                const std::shared_ptr<QXPreset>& preset);
+    // The same for a subclass that stands in for a run step.
+    template <class T>
+    static std::shared_ptr<T> initWithMovie(const std::shared_ptr<QXMovie>& movie,
+                                            const std::shared_ptr<QXPreset>& preset)
+    {
+        auto job = std::make_shared<T>();
+        static_cast<QXJob&>(*job).setUp(movie, preset);
+        return job;
+    }
+
+    // Fields, in declared order.
+    bool use64BitData = false; // chunk offsets of 64 bits; see setUp
+    bool optimize = false;     // fast start after writing
+    bool addToiTunes = false;  // hand the result to the media library
+    bool moveToTrash = false;  // trash the sources after success
+    std::shared_ptr<QXPreset> preset;
+    std::shared_ptr<QXMovie> movie;
+    std::vector<std::shared_ptr<QXMovie>> attachedMovies; // kept alive for their attached tracks
+    std::vector<QXTrackRef> attachedTracks;
+    QXURL destination;
+    std::shared_ptr<QXMediaManagerTrack> track; // what the library made of the output
+    std::shared_ptr<QXMetaData> metadata;
+    std::shared_ptr<QXChapterTrack> chapters;
+    std::shared_ptr<QXMediaManagerTrack> originalTrack; // the library's track of the source (in-place update)
+    // The plan. Replaced as a whole, never changed in place.
+    std::vector<QXTrackJobRef> tracks;
+    std::shared_ptr<QXProgress> progress;
+    // Written by the caller's thread, the read loops and the end of the run.
+    std::atomic<int64_t> status {QXJobStatusIdle};
+    qx::dispatch_group_t group;
+    qx::dispatch_semaphore_t processing_semaphore; // signalled once, at the very end of a run
+    // CACurrentMediaTime() at start; while paused, the time elapsed until the pause.
+    std::atomic<double> startTime {0.0};
+    QXErrorRef iTunesError;
+    // Source tracks the user took out of the plan; the in-place update removes them.
+    std::vector<QXTrackRef> removedTracks;
+
+    // Why the job failed or that it was cancelled. Unlike a movie's error, a
+    // later error replaces an earlier one: a failure overwrites a cancel.
+    QXErrorRef error() const;
+    void setError(const QXErrorRef& error);
+
+    // The source whose read loop drives the progress and obeys pause; set
+    // during a run only.
+    std::shared_ptr<QXMovie> progressMovie() const;
+    void setProgressMovie(const std::shared_ptr<QXMovie>& movie);
+
+    // Lifecycle.
+    // Sets status Queued; never fails and leaves `error` untouched.
+    bool queue(QXErrorRef* error = nullptr);
+    // Sets the run going and returns; the result says nothing reliable about
+    // the outcome, status and waitUntilFinished() do.
+    bool start(QXErrorRef* error = nullptr);
+    // Pauses or resumes the progress movie's read loop; the status stays.
+    void togglePause();
+    // Accepted from Queued to AddingToLibrary; ignored otherwise.
+    void cancel();
+    // Blocks until the run has ended; true if it finished with success.
+    // Only one call can return for a run.
+    bool waitUntilFinished();
+    // Seconds left in the present phase, or QXJobTimeLeftUnknown.
+    double estimatedTimeLeft() const;
+
+    // The plan. Plan edits belong to status Idle; the operations do not
+    // test it, the host asks canEditChapters() / canAttachSubtitles().
+    virtual void applyPreset(const std::shared_ptr<QXPreset>& preset);
+    std::vector<QXTrackJobRef> tracksOfType(QXMediaType mediaType) const;
+    bool canEditChapters() const { return status == QXJobStatusIdle; }
+    bool canAttachSubtitles() const { return status == QXJobStatusIdle; }
+    void removeTrackJob(const QXTrackJobRef& trackJob);
+    // Attaches a subtitle track of another source and plans it beside the
+    // first line of the plan, which must be video.
+    void attachTrack(const QXTrackRef& track);
+    // Attaches every text subtitle track of each file; files that do not
+    // open are passed over.
+    void attachSubtitleTracksWithURLs(const std::vector<QXURL>& urls);
+    // A line that turns any subtitle track into timed text fitted to `videoTrack`.
+    std::shared_ptr<QXTrackJob> subtitleTrackJob(const QXTrackRef& track,
+                                                 const std::shared_ptr<QXVideoTrack>& videoTrack);
+
+    // Keyed archive: the status alone.
+    std::string className() const override { return "QXJob"; }
+    void encodeWithCoder(QXKeyedArchiver& coder) const override;
+    static std::shared_ptr<QXJob> initWithCoder(QXKeyedUnarchiver& coder);
+
+    std::string description() const;
+
+protected:
+    // The steps of initWithMovie, ending with applyPreset.
+    virtual void setUp(const std::shared_ptr<QXMovie>& movie, const std::shared_ptr<QXPreset>& preset);
+    // The run steps start() hands over to: a conversion into `destination`,
+    // or the rewrite of the source for the two update presets. Each returns
+    // once its run is going and ends the run with endRun().
+    virtual bool startProcessing(QXErrorRef* error);
+    virtual bool updateMetadata(QXErrorRef* error);
+    // How every run ends: no progress movie, progress full, Finished unless
+    // the run already ended otherwise, and the one signal.
+    void endRun();
+    // The run's failure: status Failed and its error, if any.
+    void fail(const QXErrorRef& error);
+
+private:
+    mutable std::mutex lock_; // error_ and progressMovie_
+    QXErrorRef error_;
+    std::weak_ptr<QXMovie> progressMovie_;
+};
+
+using QXJobRef = std::shared_ptr<QXJob>;
