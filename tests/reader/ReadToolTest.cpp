@@ -122,3 +122,40 @@ TEST(ReadTool, JumpingTransportStreamIsRebased)
         EXPECT_GT(track.lastPTS, 7.5) << "stream " << i;
     }
 }
+
+TEST(RemuxTool, CopiesWhatAnMP4CanHoldAndLeavesTheRestOutWithANote)
+{
+    // H.264, AC-3, AAC and SRT: the text track has no copying input yet.
+    const auto source = readermedia::matroska();
+    const auto dir = qxtest::makeTempDir("remux-tool");
+    const auto output = dir / "copy.m4v";
+    std::string said;
+    ASSERT_EQ(qxtest::run("'" + tool().string() + "' remux '" + source.string() + "' -o '" + output.string() + "' 2>&1",
+                          &said),
+              0)
+        << said;
+    EXPECT_NE(said.find("left out <QXSubtitleTrack"), std::string::npos) << said;
+    EXPECT_NE(said.find("3 of 4 tracks copied"), std::string::npos) << said;
+
+    std::string streams;
+    qxtest::run("ffprobe -v error -show_entries stream=codec_name -of default=nw=1:nk=1 '" + output.string() + "'",
+                &streams);
+    EXPECT_EQ(streams, "h264\nac3\naac\n");
+    // Video and AC-3 keep every packet; the AAC decoder, which measures the
+    // copied packets' durations, holds its last packet back.
+    const auto in = ffprobePacketCounts(source);
+    const auto out = ffprobePacketCounts(output);
+    ASSERT_EQ(out.size(), 3u);
+    EXPECT_EQ(out[0], in[0]);
+    EXPECT_EQ(out[1], in[1]);
+    EXPECT_EQ(out[2] + 1, in[2]);
+    std::string errors;
+    EXPECT_EQ(qxtest::run("ffmpeg -v error -i '" + output.string() + "' -f null - 2>&1", &errors), 0);
+
+    // A source that cannot be opened leaves no file behind.
+    const auto missing = dir / "never.m4v";
+    EXPECT_NE(qxtest::run("'" + tool().string() + "' remux '" + (dir / "none.mkv").string() + "' -o '" +
+                          missing.string() + "' 2>/dev/null"),
+              0);
+    EXPECT_FALSE(std::filesystem::exists(missing));
+}

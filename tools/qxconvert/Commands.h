@@ -21,11 +21,17 @@ struct MovieArguments {
 std::unique_ptr<MovieArguments> parseMovieArguments(const Arguments& arguments, const char* command);
 // The opened movie, or null after printing why it could not be opened.
 std::shared_ptr<QXMovie> openMovie(const std::vector<QXURL>& urls);
+// After a run: tracks and their outputs hold each other until the fan-out
+// is idle; this lets them go, and the readers too.
+void endRun(QXMovie& movie);
+// "[#####     ]  42.0%" on stderr, redrawn in place.
+void drawProgress(double fraction);
 
 int runVersion(const Arguments& arguments);
 int runEncoders(const Arguments& arguments);
 int runInfo(const Arguments& arguments);
 int runRead(const Arguments& arguments);
+int runRemux(const Arguments& arguments);
 
 // Installs the log callback: warnings and errors to stderr, everything with
 // verbose set.

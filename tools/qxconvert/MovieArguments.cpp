@@ -1,6 +1,8 @@
 #include <cstdio>
+#include <string>
 
 #include "Commands.h"
+#include "qxmedia/platform/dispatch/dispatch.h"
 #include "qxmedia/source/QXMovie.h"
 
 std::unique_ptr<MovieArguments> parseMovieArguments(const Arguments& arguments, const char* command)
@@ -29,4 +31,22 @@ std::shared_ptr<QXMovie> openMovie(const std::vector<QXURL>& urls)
                      error ? error->localizedDescription().c_str() : "unknown error");
     }
     return movie;
+}
+
+void endRun(QXMovie& movie)
+{
+    for (const QXTrackRef& track : movie.tracks) {
+        qx::dispatch_sync(track->outQueue, [] {});
+        track->outputs.clear();
+    }
+    movie.releaseReaders();
+}
+
+void drawProgress(double fraction)
+{
+    const int width = 40;
+    const int filled = int(fraction * width);
+    std::fprintf(stderr, "\r[%s%s] %5.1f%%", std::string(size_t(filled), '#').c_str(),
+                 std::string(size_t(width - filled), ' ').c_str(), fraction * 100);
+    std::fflush(stderr);
 }

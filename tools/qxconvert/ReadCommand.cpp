@@ -63,15 +63,6 @@ public:
     CMTime lastPTS = kCMTimeInvalid;
 };
 
-void drawProgress(double fraction)
-{
-    const int width = 40;
-    const int filled = int(fraction * width);
-    std::fprintf(stderr, "\r[%s%s] %5.1f%%", std::string(size_t(filled), '#').c_str(),
-                 std::string(size_t(width - filled), ' ').c_str(), fraction * 100);
-    std::fflush(stderr);
-}
-
 } // namespace
 
 int runRead(const Arguments& arguments)
@@ -147,13 +138,7 @@ int runRead(const Arguments& arguments)
                         CMTimeCopyDescription(line.sink->lastPTS).c_str());
         }
     }
-    // Tracks and their outputs hold each other; once the fan-out is idle
-    // the run is over and the cycle goes.
-    for (const Line& line : lines) {
-        dispatch_sync(line.track->outQueue, [] {});
-        line.track->outputs.clear();
-    }
-    movie->releaseReaders();
+    endRun(*movie);
     if (!started || movie->status == QXMovieStatusFailed) return 1;
     return cancelled ? 130 : 0;
 }

@@ -4,6 +4,7 @@
 //   qxconvert encoders           the H.264/HEVC encoders and the hardware check
 //   qxconvert info FILE... [--json]   what a source holds
 //   qxconvert read FILE... [--json]   reads a source through the pipeline
+//   qxconvert remux FILE... -o OUT    copies what an MP4 can hold into one
 //
 // Log lines at warning and above go to stderr (all of them with -v).
 
@@ -69,6 +70,7 @@ const std::map<std::string, Command>& commands()
         {"encoders", {"encoders", runEncoders}},
         {"info", {"info FILE... [--json]", runInfo}},
         {"read", {"read FILE... [--json]", runRead}},
+        {"remux", {"remux FILE... -o OUT.m4v", runRemux}},
     };
     return table;
 }
