@@ -72,22 +72,6 @@ std::shared_ptr<ReadingJob> readingJob()
 
 } // namespace
 
-TEST(JobThreads, RunToTheEndFinishesWithFullProgress)
-{
-    auto job = readingJob();
-    ASSERT_TRUE(job);
-    std::thread starter([&] { job->start(); });
-    starter.join();
-    dispatch_semaphore_signal(job->gate);
-    EXPECT_TRUE(job->waitUntilFinished());
-    EXPECT_EQ(job->status, QXJobStatusFinished);
-    EXPECT_EQ(job->movie->status, QXMovieStatusFinished);
-    EXPECT_EQ(job->samples, 1000u);
-    EXPECT_EQ(job->progress->completedUnitCount(), 100);
-    EXPECT_FALSE(job->progressMovie());
-    EXPECT_FALSE(job->error());
-}
-
 TEST(JobThreads, CancelOfAPausedJobReleasesThePauseAndEndsTheRun)
 {
     auto job = readingJob();
