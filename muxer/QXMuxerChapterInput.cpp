@@ -42,8 +42,7 @@ bool QXMuxerChapterInput::initWritingToFileHandle(QXErrorRef* error)
     }
     file->track(uint32_t(chapterTrack))->setName("Chapter Titles");
 
-    chapterImageTrack =
-        int32_t(file->addJpegVideoTrack(timeScale_, -1, uint16_t(width), uint16_t(height)));
+    chapterImageTrack = int32_t(file->addJpegVideoTrack(timeScale_, -1, uint16_t(width), uint16_t(height)));
     if (mp4::MP4Track* images = file->track(uint32_t(chapterImageTrack))) {
         images->setName("Chapter Images");
         images->setLayer(kChapterImageTrackLayer);
