@@ -11,6 +11,7 @@ extern "C" {
 #include "qxmedia/muxer/QXMuxerInput.h"
 #include "qxmedia/muxer/QXMuxerRawH264Input.h"
 #include "qxmedia/muxer/QXMuxerRawTX3GInput.h"
+#include "qxmedia/muxer/QXMuxerAACInput.h"
 #include "qxmedia/muxer/QXMuxerAC3Input.h"
 #include "qxmedia/muxer/QXMuxerRawAudioInput.h"
 
@@ -43,7 +44,7 @@ struct InputClasses {
 const std::array<InputClasses, 6> kInputClasses {{
     {AV_CODEC_ID_H264, nullptr, &make<QXMuxerRawH264Input>},
     {AV_CODEC_ID_HEVC, nullptr, &make<QXMuxerRawH264Input>},
-    {AV_CODEC_ID_AAC, nullptr, &make<QXMuxerRawAACInput>},
+    {AV_CODEC_ID_AAC, &make<QXMuxerAACInput>, &make<QXMuxerRawAACInput>},
     {AV_CODEC_ID_AC3, &make<QXMuxerAC3Input>, &make<QXMuxerRawAC3Input>},
     {AV_CODEC_ID_EAC3, &make<QXMuxerEAC3Input>, &make<QXMuxerRawEAC3Input>},
     {AV_CODEC_ID_MOV_TEXT, &make<QXMuxerRawTX3GInput>, &make<QXMuxerRawTX3GInput>},
