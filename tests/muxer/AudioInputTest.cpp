@@ -1,10 +1,12 @@
 // The audio inputs in real files: copied AAC, AC-3 and E-AC-3 tracks read
-// through the pipeline keep every packet; encoded AC-3 and E-AC-3 decode to
-// the source's length; the Dolby track fields follow the rates.
+// through the pipeline keep every packet; encoded AAC, AC-3 and E-AC-3
+// decode to the source's length; the Dolby track fields follow the rates,
+// the AAC bit rate stays within what the converter offers.
 
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdlib>
 #include <sstream>
 #include <thread>
 
@@ -13,6 +15,7 @@ extern "C" {
 }
 
 #include "MuxerSupport.h"
+#include "qxmedia/muxer/QXMuxerAACInput.h"
 #include "qxmedia/muxer/QXMuxerAC3Input.h"
 #include "qxmedia/muxer/QXMuxerRawAudioInput.h"
 #include "qxmedia/reader/QXSampleBufferChannel.h"
@@ -173,6 +176,49 @@ double seconds(const std::string& entry, const fs::path& file)
     return std::stod(ffprobe("-select_streams a:0 -show_entries " + entry + " -of csv=p=0", file));
 }
 
+std::shared_ptr<QXAudioTrack> plannedTrack(int32_t codec, uint32_t rate, int32_t channels, uint32_t bitrate)
+{
+    auto track = QXAudioTrack::init();
+    track->codec_id = codec;
+    track->sample_rate = rate;
+    track->channels = channels;
+    track->bitrate = bitrate;
+    return track;
+}
+
+// Planar float of a tone, `frames` frames in samples of up to `block`.
+std::vector<CMSampleBufferRef> pcmSamples(int frames, int block, int channels, int32_t rate)
+{
+    std::vector<CMSampleBufferRef> samples;
+    for (int done = 0; done < frames; done += block) {
+        const int count = std::min(block, frames - done);
+        std::vector<float> pcm(size_t(count) * size_t(channels));
+        for (size_t i = 0; i < pcm.size(); ++i) pcm[i] = float(0.3 * std::sin(double(done + int(i) % count) * 0.05));
+        const size_t length = pcm.size() * sizeof(float);
+        CMBlockBufferRef block;
+        CMBlockBufferCreateWithMemoryBlock(nullptr, nullptr, length, nullptr, nullptr, 0, length, 1, &block);
+        CMBlockBufferReplaceDataBytes(pcm.data(), block, 0, length);
+        const CMSampleTimingInfo timing {CMTimeMake(count, rate), CMTimeMake(done, rate), kCMTimeInvalid};
+        CMSampleBufferRef sample;
+        CMSampleBufferCreate(nullptr, block, true, nullptr, nullptr, nullptr, 1, 1, &timing, 0, nullptr, &sample);
+        samples.push_back(sample);
+    }
+    return samples;
+}
+
+// Encodes the samples through the factory's input into `output`.
+bool encodeInto(const fs::path& output, const std::shared_ptr<QXAudioTrack>& track,
+                const std::vector<CMSampleBufferRef>& samples)
+{
+    auto input = QXMuxerInput::initWithSource(QXTrackReaderOutput::initWithSource(track), track, true);
+    if (!input) return false;
+    MuxerRun run(output);
+    run.muxer->addInput(input);
+    if (!run.start()) return false;
+    Feeder feeder(input, samples);
+    return run.waitForCompletion() && run.muxer->status == QXMuxerStatusCompleted;
+}
+
 } // namespace
 
 TEST(AudioInputs, CopiedTracksKeepEveryPacketWithItsDecodedDuration)
@@ -228,10 +274,7 @@ TEST(AudioInputs, CopiedDolbyTracksGetTheSetupFFmpegWritesForThem)
 
 TEST(AudioInputs, ACopiedTrackThatStartsLateBeginsWithAnEmptyEdit)
 {
-    auto track = QXAudioTrack::init();
-    track->codec_id = AV_CODEC_ID_AAC;
-    track->sample_rate = 48000;
-    track->channels = 2;
+    auto track = plannedTrack(AV_CODEC_ID_AAC, 48000, 2, 0);
     track->samples_per_frame = 1024;
     track->extradata = {0x11, 0x90};
     auto input = QXMuxerInput::initWithSource(QXTrackReaderOutput::initWithSource(track), track, false);
@@ -267,19 +310,26 @@ TEST(AudioInputs, ACopiedTrackThatStartsLateBeginsWithAnEmptyEdit)
     EXPECT_EQ(edits[1].segmentDuration, 107u); // 5 x 1024 / 48 kHz
 }
 
-TEST(AudioInputs, EncodedDolbyTracksDecodeToTheSourcesLength)
+TEST(AudioInputs, EncodedTracksDecodeToTheSourcesLength)
 {
     struct Case {
         const char* name;
         fs::path source;
         int32_t codec;
+        int32_t channels;
         uint32_t bitrate;
-        std::vector<uint8_t> setup; // dac3 or dec3
+        const char* fields;
+        const char* box;
+        std::vector<uint8_t> setup; // empty: only there
+        int64_t frameSize, priming;
     };
     const Case cases[] = {
         // Resampled from 44.1 kHz and spread from stereo to 5.1.
-        {"ac3-from-aac", aacStereo(), AV_CODEC_ID_AC3, 384000, {0x10, 0x3D, 0xC0}},
-        {"eac3-from-ac3", ac3Surround(), AV_CODEC_ID_EAC3, 256000, {0x08, 0x00, 0x20, 0x0F, 0x00, 0x00}},
+        {"ac3-from-aac", aacStereo(), AV_CODEC_ID_AC3, 6, 384000, "ac3,48000,6", "dac3", {0x10, 0x3D, 0xC0}, 1536, 0},
+        {"eac3-from-ac3", ac3Surround(), AV_CODEC_ID_EAC3, 6, 256000, "eac3,48000,6", "dec3",
+         {0x08, 0x00, 0x20, 0x0F, 0x00, 0x00}, 1536, 0},
+        // Mixed down; the AAC priming is part of the track.
+        {"aac-from-ac3", ac3Surround(), AV_CODEC_ID_AAC, 2, 128000, "aac,48000,2", "esds", {}, 1024, 2048},
     };
     const auto dir = qxtest::makeTempDir("audio-encode");
     for (const Case& c : cases) {
@@ -289,65 +339,54 @@ TEST(AudioInputs, EncodedDolbyTracksDecodeToTheSourcesLength)
         auto input = muxAudio(c.source, output, true, [&](QXAudioTrack& planned) {
             planned.codec_id = c.codec;
             planned.sample_rate = 48000;
-            planned.channels = 6;
-            planned.channel_layout = 0x60F;
+            planned.channels = c.channels;
+            planned.channel_layout = c.channels == 6 ? 0x60F : 3;
             planned.bitrate = c.bitrate;
         });
         ASSERT_TRUE(input);
-        EXPECT_TRUE(std::dynamic_pointer_cast<QXMuxerDolbyEncoderInput>(input));
 
-        EXPECT_EQ(streamFields(output), std::string(c.codec == AV_CODEC_ID_AC3 ? "ac3" : "eac3") + ",48000,6");
-        EXPECT_EQ(qxtest::boxPayload(output, c.codec == AV_CODEC_ID_AC3 ? "dac3" : "dec3"), c.setup);
-        // Whole frames of 1536 samples, the last one padded: as long as the
-        // source, give or take that frame and the resampler's delay.
+        EXPECT_EQ(streamFields(output), c.fields);
+        const auto setup = qxtest::boxPayload(output, c.box);
+        EXPECT_FALSE(setup.empty());
+        if (!c.setup.empty()) {
+            EXPECT_EQ(setup, c.setup);
+        }
+        // Whole frames, the last one padded: as long as the source, give or
+        // take that frame and the resampler's delay.
         const auto durations = packetDurations(output);
-        EXPECT_EQ(durations, std::vector<int64_t>(durations.size(), 1536));
-        const double length = double(durations.size()) * 1536 / 48000;
-        EXPECT_NEAR(length, decodedLength(c.source), 1536.0 / 48000 + 0.005);
+        EXPECT_EQ(durations, std::vector<int64_t>(durations.size(), c.frameSize));
+        const double length = double(int64_t(durations.size()) * c.frameSize - c.priming) / 48000;
+        EXPECT_NEAR(length, decodedLength(c.source), double(c.frameSize) / 48000 + 0.005);
         EXPECT_EQ(decodeErrors(output), "");
     }
 }
 
-TEST(AudioInputs, OnlyAShortLastFrameIsPaddedWithSilence)
+TEST(AudioInputs, EncodersPadOnlyAShortLastFrame)
 {
-    auto track = QXAudioTrack::init();
-    track->codec_id = AV_CODEC_ID_AC3;
-    track->sample_rate = 48000;
-    track->channels = 6;
-    track->bitrate = 384000;
+    struct Case {
+        int32_t codec;
+        int frames;
+        size_t packets;
+    };
+    // AC-3 makes a packet of each frame; AAC has two frames of priming and
+    // gives what its encoder still holds at the end. No PCM, no packets.
+    const Case cases[] = {
+        {AV_CODEC_ID_AC3, 2 * 1536, 2},   {AV_CODEC_ID_AC3, 2 * 1536 + 1, 3}, {AV_CODEC_ID_AAC, 500, 3},
+        {AV_CODEC_ID_AAC, 10 * 1024, 12}, {AV_CODEC_ID_AAC, 10 * 1024 + 1, 13}, {AV_CODEC_ID_AAC, 0, 0},
+    };
     const auto dir = qxtest::makeTempDir("audio-pad");
-    for (const int frames : {2 * 1536, 2 * 1536 + 1}) {
-        SCOPED_TRACE(frames);
-        auto input = QXMuxerInput::initWithSource(QXTrackReaderOutput::initWithSource(track), track, true);
-        ASSERT_TRUE(std::dynamic_pointer_cast<QXMuxerAC3Input>(input));
-        // Blocks of 1000 frames of 6 planes; the last block is shorter.
-        std::vector<CMSampleBufferRef> samples;
-        for (int done = 0; done < frames; done += 1000) {
-            const int count = std::min(1000, frames - done);
-            std::vector<float> pcm(size_t(count) * 6);
-            for (size_t i = 0; i < pcm.size(); ++i) pcm[i] = float(std::sin(double(i % size_t(count)) * 0.06));
-            const size_t length = pcm.size() * sizeof(float);
-            CMBlockBufferRef block;
-            ASSERT_EQ(CMBlockBufferCreateWithMemoryBlock(nullptr, nullptr, length, nullptr, nullptr, 0, length, 1,
-                                                         &block),
-                      0);
-            CMBlockBufferReplaceDataBytes(pcm.data(), block, 0, length);
-            const CMSampleTimingInfo timing {CMTimeMake(count, 48000), CMTimeMake(done, 48000), kCMTimeInvalid};
-            CMSampleBufferRef sample;
-            ASSERT_EQ(CMSampleBufferCreate(nullptr, block, true, nullptr, nullptr, nullptr, 1, 1, &timing, 0, nullptr,
-                                           &sample),
-                      0);
-            samples.push_back(sample);
-        }
-        const fs::path output = dir / (std::to_string(frames) + ".m4v");
-        MuxerRun run(output);
-        run.muxer->addInput(input);
-        ASSERT_TRUE(run.start());
-        Feeder feeder(input, samples);
-        ASSERT_TRUE(run.waitForCompletion());
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::to_string(c.codec) + " " + std::to_string(c.frames));
+        const int channels = c.codec == AV_CODEC_ID_AC3 ? 6 : 2;
+        const fs::path output = dir / (std::to_string(c.codec) + "-" + std::to_string(c.frames) + ".m4v");
+        ASSERT_TRUE(encodeInto(output, plannedTrack(c.codec, 48000, channels, 6 * 64000),
+                               pcmSamples(c.frames, 700, channels, 48000)));
         const auto written = samplesOfTrack(output, 1);
-        EXPECT_EQ(written.size(), frames % 1536 ? 3u : 2u);
-        EXPECT_EQ(decodeErrors(output), "");
+        EXPECT_EQ(written.size(), c.packets);
+        for (const auto& sample : written) EXPECT_EQ(sample.duration, c.codec == AV_CODEC_ID_AC3 ? 1536u : 1024u);
+        if (c.packets) {
+            EXPECT_EQ(decodeErrors(output), "");
+        }
     }
 }
 
@@ -385,11 +424,7 @@ TEST(AudioInputs, DolbyTrackFieldsFollowTheRates)
 TEST(AudioInputs, AnEncoderThatDoesNotOpenStopsTheStart)
 {
     // FFmpeg's AC-3 encoder takes 32, 44.1 and 48 kHz only.
-    auto track = QXAudioTrack::init();
-    track->codec_id = AV_CODEC_ID_AC3;
-    track->sample_rate = 22050;
-    track->channels = 6;
-    track->bitrate = 384000;
+    auto track = plannedTrack(AV_CODEC_ID_AC3, 22050, 6, 384000);
     auto input = QXMuxerInput::initWithSource(QXTrackReaderOutput::initWithSource(track), track, true);
     const auto dir = qxtest::makeTempDir("audio-refused");
     MuxerRun run(dir / "refused.m4v");
@@ -401,4 +436,74 @@ TEST(AudioInputs, AnEncoderThatDoesNotOpenStopsTheStart)
     EXPECT_LT(error->code(), 0);
     EXPECT_NE(error->code(), -13011);
     EXPECT_EQ(run.handlerCalls(), 1);
+}
+
+TEST(AudioInputs, TheAACBitRateStaysWithinTheApplicableRates)
+{
+    // Stereo at 48 kHz: 32 to 320 kbit/s.
+    const std::pair<uint32_t, const char*> cases[] = {
+        {8000, "Sanitizing AAC audio bitrate 8000 to 32000"},
+        {900000, "Sanitizing AAC audio bitrate 900000 to 320000"},
+        {128000, nullptr},
+    };
+    const auto dir = qxtest::makeTempDir("aac-rates");
+    std::vector<double> rates;
+    for (const auto& [requested, logged] : cases) {
+        SCOPED_TRACE(requested);
+        qxtest::LogCapture log;
+        const fs::path output = dir / (std::to_string(requested) + ".m4v");
+        ASSERT_TRUE(encodeInto(output, plannedTrack(AV_CODEC_ID_AAC, 48000, 2, requested),
+                               pcmSamples(48000, 4096, 2, 48000)));
+        EXPECT_EQ(log.contains("Sanitizing AAC audio bitrate", 4), logged != nullptr);
+        if (logged) {
+            EXPECT_TRUE(log.contains(logged, 4));
+        }
+        rates.push_back(std::stod(ffprobe("-show_entries stream=bit_rate -of csv=p=0", output)));
+    }
+    // What the encoder makes of a plain tone follows the rate it was given.
+    EXPECT_NEAR(rates[0], 32000, 3200);
+    EXPECT_GT(rates[1], rates[2]);
+    EXPECT_NEAR(rates[2], 128000, 12800);
+}
+
+TEST(AudioInputs, TheAACCookieGivesItsDecoderSpecificInfo)
+{
+    // Version and flags, ES descriptor, decoder config with its 13 fixed
+    // bytes, specific info of two bytes; lengths short or in four bytes.
+    auto cookie = [](bool longLengths, uint8_t configTag) {
+        std::vector<uint8_t> out {0, 0, 0, 0, 0x03};
+        auto length = [&](uint8_t value) {
+            if (longLengths) out.insert(out.end(), {0x80, 0x80, 0x80});
+            out.push_back(value);
+        };
+        length(30);
+        out.insert(out.end(), {0, 1, 0, configTag});
+        length(20);
+        out.insert(out.end(), 13, 0x40);
+        out.push_back(0x05);
+        length(2);
+        out.insert(out.end(), {0x12, 0x10, 0x06, 0x01, 0x02});
+        return out;
+    };
+    const auto shortForm = cookie(false, 0x04), longForm = cookie(true, 0x04), wrongTag = cookie(false, 0x07);
+    struct Case {
+        const std::vector<uint8_t>& bytes;
+        size_t size;
+        bool found;
+    };
+    // A cookie cut short or without a decoder config gives nothing.
+    const Case cases[] = {{shortForm, shortForm.size(), true}, {longForm, longForm.size(), true},
+                          {wrongTag, wrongTag.size(), false}, {longForm, 20, false},
+                          {longForm, longForm.size() - 6, false}};
+    for (const Case& c : cases) {
+        uint8_t* config = nullptr;
+        int size = -1;
+        EXPECT_EQ(ReadESDSDescExt(c.bytes.data(), &config, &size, 1, c.size), 0);
+        EXPECT_EQ(size, c.found ? 2 : 0);
+        EXPECT_EQ(config != nullptr, c.found);
+        if (config) {
+            EXPECT_EQ(std::vector<uint8_t>(config, config + 2), (std::vector<uint8_t> {0x12, 0x10}));
+        }
+        std::free(config);
+    }
 }
