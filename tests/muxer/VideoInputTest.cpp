@@ -190,20 +190,26 @@ TEST(RawH264Input, CopiedSourcesKeepTheirFramesAndParameterSets)
         }
     }
 
-    // HEVC without extradata: the track is made all the same, with no record.
-    auto track = QXVideoTrack::init();
-    track->codec_id = AV_CODEC_ID_HEVC;
-    track->naturalTimeScale = 25;
-    auto input = QXMuxerInput::initWithSource(QXTrackReaderOutput::initWithSource(track), track, false);
-    MuxerRun run(dir / "bare.m4v");
-    run.muxer->addInput(input);
-    ASSERT_TRUE(run.start());
-    input->markAsFinished();
-    ASSERT_TRUE(run.waitForCompletion());
-    auto file = mp4::MP4File::read(dir / "bare.m4v");
-    std::vector<uint8_t> record {1};
-    ASSERT_TRUE(file && file->getTrackBytesProperty(1, "mdia.minf.stbl.stsd.hvc1.hvcC.content", record));
-    EXPECT_TRUE(record.empty());
+    // HEVC without extradata, or with extradata no record can be made of:
+    // the track is made all the same, with no record or the bytes as given.
+    qxtest::LogCapture log;
+    for (const QXData& extradata : {QXData {}, QXData {1, 2, 3}}) {
+        auto track = QXVideoTrack::init();
+        track->codec_id = AV_CODEC_ID_HEVC;
+        track->naturalTimeScale = 25;
+        track->extradata = extradata;
+        auto input = QXMuxerInput::initWithSource(QXTrackReaderOutput::initWithSource(track), track, false);
+        MuxerRun run(dir / "bare.m4v");
+        run.muxer->addInput(input);
+        ASSERT_TRUE(run.start());
+        input->markAsFinished();
+        ASSERT_TRUE(run.waitForCompletion());
+        auto file = mp4::MP4File::read(dir / "bare.m4v");
+        std::vector<uint8_t> record {9};
+        ASSERT_TRUE(file && file->getTrackBytesProperty(1, "mdia.minf.stbl.stsd.hvc1.hvcC.content", record));
+        EXPECT_EQ(record, extradata);
+        EXPECT_EQ(log.contains("Failed to modifiy extradata", QXLogFlagWarning), !extradata.empty());
+    }
 }
 
 TEST(RawH264Input, TheSourcesChaptersBecomeTitleAndPictureTracks)
