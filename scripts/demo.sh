@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Set-up, build, then the most the library does today on a generated sample:
-# what the source holds, and a read of the whole source through the pipeline.
+# what the source holds, a read of the whole source through the pipeline, and
+# a copy of its tracks into an M4V, which ffprobe then describes.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/build.sh >/dev/null
@@ -26,3 +27,6 @@ echo
 "$qx" info "$sample"
 echo
 "$qx" read "$sample"
+echo
+"$qx" remux "$sample" -o sample/sample.m4v
+ffprobe -v error -show_entries stream=index,codec_name,codec_type,duration:format_tags=title -of compact=p=0 sample/sample.m4v
