@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Reads a ~1 GiB Matroska source (H.264 + AAC) through the whole reading
 # pipeline with `qxconvert read` and compares wall time and peak memory with
-# ffmpeg demuxing the same file to nothing, in the same run.
+# ffmpeg demuxing the same file to nothing, in the same run; then copies it
+# into an M4V with `qxconvert remux` against ffmpeg's stream copy into MP4
+# (QX_BENCH_REMUX=0 leaves that out).
 #
 #   bench/bench_read.sh [BUILD_DIR]       (default: build)
 #
@@ -61,28 +63,45 @@ else
 fi
 
 median() { tr ' ' '\n' | sed '/^$/d' | sort -n | awk '{v[NR] = $1} END {print v[int((NR + 1) / 2)]}'; }
+best() { tr ' ' '\n' | sed '/^$/d' | sort -n | head -n 1; }
 
-times_ff=; times_qx=; rss_ff=0; rss_qx=0
-for ((i = 1; i <= runs; i++)); do
-    read -r t m < <(measure ffmpeg -nostdin -v error -i "$source" -map 0 -c copy -f null -)
-    times_ff+="$t "
-    (( m > rss_ff )) && rss_ff=$m
-    read -r t2 m < <(measure "$qxconvert" read "$source" --json)
-    times_qx+="$t2 "
-    (( m > rss_qx )) && rss_qx=$m
-    echo "run $i: ffmpeg ${t}s, qxconvert read ${t2}s"
-done
-best_ff=$(echo "$times_ff" | tr ' ' '\n' | sed '/^$/d' | sort -n | head -n 1)
-best_qx=$(echo "$times_qx" | tr ' ' '\n' | sed '/^$/d' | sort -n | head -n 1)
-median_ff=$(echo "$times_ff" | median)
-median_qx=$(echo "$times_qx" | median)
+# compare LABEL TARGET QX_COMMAND... : alternates runs of ffmpeg (its stream
+# copy to TARGET) and of qxconvert, and prints best, median and peak memory.
+compare() {
+    local label=$1 target=$2
+    shift 2
+    local times_ff= times_qx= rss_ff=0 rss_qx=0 t t2 m
+    for ((i = 1; i <= runs; i++)); do
+        read -r t m < <(measure ffmpeg -nostdin -y -v error -i "$source" -map 0 -c copy $target)
+        times_ff+="$t "
+        (( m > rss_ff )) && rss_ff=$m
+        read -r t2 m < <(measure "$@")
+        times_qx+="$t2 "
+        (( m > rss_qx )) && rss_qx=$m
+        echo "$label run $i: ffmpeg ${t}s, qxconvert ${t2}s"
+    done
+    local best_ff best_qx median_ff median_qx
+    best_ff=$(echo "$times_ff" | best)
+    best_qx=$(echo "$times_qx" | best)
+    median_ff=$(echo "$times_ff" | median)
+    median_qx=$(echo "$times_qx" | median)
+    echo "$label: ffmpeg ${best_ff}s (peak RSS $((rss_ff / 1024)) MiB), qxconvert ${best_qx}s (peak RSS $((rss_qx / 1024)) MiB)"
+    echo "$label time ratio qxconvert/ffmpeg: $(echo "scale=3; $best_qx / $best_ff" | bc) (medians: $(echo "scale=3; $median_qx / $median_ff" | bc))"
+    last_rss_qx=$rss_qx
+}
 
+# Reading: the target is 1.25 times ffmpeg's demuxing to nothing.
+compare read "-f null -" "$qxconvert" read "$source" --json
+rss_whole=$last_rss_qx
 # Memory that does not grow with the file: the same read of the 30 s source.
 read -r _ rss_short < <(measure "$qxconvert" read "$short" --json)
+echo "qxconvert read peak RSS, whole file / 30 s source: $((rss_whole / 1024)) / $((rss_short / 1024)) MiB"
 
-ratio=$(echo "scale=3; $best_qx / $best_ff" | bc)
-echo "ffmpeg -c copy -f null: ${best_ff}s, peak RSS $((rss_ff / 1024)) MiB"
-echo "qxconvert read:         ${best_qx}s, peak RSS $((rss_qx / 1024)) MiB"
-echo "time ratio qxconvert/ffmpeg: $ratio (target <= 1.25; medians ${median_qx}s / ${median_ff}s = $(echo "scale=3; $median_qx / $median_ff" | bc))"
-echo "peak RSS ratio qxconvert/ffmpeg: $(echo "scale=2; $rss_qx / $rss_ff" | bc)"
-echo "qxconvert read peak RSS, whole file / 30 s source: $((rss_qx / 1024)) / $((rss_short / 1024)) MiB"
+# Copying into an MP4 (no target yet): the whole pipeline with the copying
+# outputs (which decode audio for its durations), the sync, the inputs and
+# the muxer, against ffmpeg's stream copy into MP4.
+if [[ ${QX_BENCH_REMUX:-1} != 0 ]]; then
+    out_dir=$(mktemp -d)
+    compare remux "-f mp4 $out_dir/ffmpeg.mp4" "$qxconvert" remux "$source" -o "$out_dir/qxconvert.m4v"
+    rm -rf "$out_dir"
+fi
