@@ -316,7 +316,7 @@ TEST(MetaDataMP4Tags, BadInputsLeaveTheRecordAlone)
 
     // A rating text that is not UTF-8 is passed over.
     const auto path = copyOfBase("bad-utf8");
-    addFreeForm(path, "iTunEXTC", std::string("mpaa|R|400|\xff\xfe", 15));
+    addFreeForm(path, "iTunEXTC", std::string("mpaa|R|400|\xff\xfe"));
     auto record = recordOf(path);
     ASSERT_TRUE(record);
     EXPECT_EQ(record->contentRating, QXNoContentRating);

@@ -96,6 +96,13 @@ CMSampleBufferRef at(int64_t ptsMs, int64_t durationMs = 40)
 }
 
 struct Lane {
+    // The track and its reader hold each other, as in a run; a lane ends the
+    // cycle as a finished run does.
+    ~Lane()
+    {
+        if (output && output->track && output->track->reader) output->track->reader->releaseTrack();
+    }
+
     std::shared_ptr<QXTrackReaderOutput> output;
     std::shared_ptr<RecordingInput> input = std::make_shared<RecordingInput>();
 };
