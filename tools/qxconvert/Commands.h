@@ -2,10 +2,12 @@
 // The commands of qxconvert; each takes its arguments (after the command
 // name) and returns the process's exit status.
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "qxmedia/platform/dispatch/dispatch.h"
 #include "qxmedia/platform/foundation/QXValue.h"
 
 class QXMovie;
@@ -24,8 +26,12 @@ std::shared_ptr<QXMovie> openMovie(const std::vector<QXURL>& urls);
 // After a run: tracks and their outputs hold each other until the fan-out
 // is idle; this lets them go, and the readers too.
 void endRun(QXMovie& movie);
-// "[#####     ]  42.0%" on stderr, redrawn in place.
-void drawProgress(double fraction);
+// Starts the movie's read loop and waits until `finished(timeout)` answers
+// true, polling every 100 ms; meanwhile draws the read's progress (when
+// asked) and turns Ctrl-C into one cancel of the read. Sets *started from
+// startReading; answers whether the run was cancelled.
+bool readAndWait(QXMovie& movie, const std::function<bool(qx::dispatch_time_t)>& finished, bool showProgress,
+                 bool* started);
 
 int runVersion(const Arguments& arguments);
 int runEncoders(const Arguments& arguments);

@@ -1,3 +1,5 @@
+#include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <string>
 
@@ -42,6 +44,16 @@ void endRun(QXMovie& movie)
     movie.releaseReaders();
 }
 
+namespace {
+
+std::atomic<bool> gInterrupted {false};
+
+void onInterrupt(int)
+{
+    gInterrupted = true;
+}
+
+// "[#####     ]  42.0%" on stderr, redrawn in place.
 void drawProgress(double fraction)
 {
     const int width = 40;
@@ -49,4 +61,26 @@ void drawProgress(double fraction)
     std::fprintf(stderr, "\r[%s%s] %5.1f%%", std::string(size_t(filled), '#').c_str(),
                  std::string(size_t(width - filled), ' ').c_str(), fraction * 100);
     std::fflush(stderr);
+}
+
+} // namespace
+
+bool readAndWait(QXMovie& movie, const std::function<bool(qx::dispatch_time_t)>& finished, bool showProgress,
+                 bool* started)
+{
+    gInterrupted = false;
+    std::signal(SIGINT, onInterrupt);
+    *started = movie.startReading();
+    bool cancelled = false;
+    while (!finished(qx::dispatch_time(qx::DISPATCH_TIME_NOW, 100 * 1000 * 1000))) {
+        if (gInterrupted && !cancelled) {
+            cancelled = true;
+            if (movie.isPaused) movie.togglePause();
+            movie.cancelReading();
+        }
+        if (showProgress && movie.progress) drawProgress(movie.progress->fractionCompleted());
+    }
+    if (showProgress) std::fprintf(stderr, "\n");
+    std::signal(SIGINT, SIG_DFL);
+    return cancelled;
 }

@@ -3,7 +3,6 @@
 // track) into counting sinks, and prints per track what arrived.
 
 #include <atomic>
-#include <csignal>
 #include <cstdio>
 #include <mutex>
 #include <unistd.h>
@@ -18,13 +17,6 @@
 using namespace qx;
 
 namespace {
-
-std::atomic<bool> gInterrupted {false};
-
-void onInterrupt(int)
-{
-    gInterrupted = true;
-}
 
 // The end of a channel: counts what arrives instead of muxing it.
 class CountingSink : public QXMuxerInputProtocol {
@@ -92,20 +84,10 @@ int runRead(const Arguments& arguments)
         lines.push_back({track, sink, channel});
     }
 
-    std::signal(SIGINT, onInterrupt);
     const bool showProgress = ::isatty(STDERR_FILENO) && !asJson;
-    const bool started = movie->startReading();
-    bool cancelled = false;
-    while (dispatch_group_wait(group, dispatch_time(DISPATCH_TIME_NOW, 100 * 1000 * 1000)) != 0) {
-        if (gInterrupted && !cancelled) {
-            cancelled = true;
-            if (movie->isPaused) movie->togglePause();
-            movie->cancelReading();
-        }
-        if (showProgress && movie->progress) drawProgress(movie->progress->fractionCompleted());
-    }
-    if (showProgress) std::fprintf(stderr, "\n");
-    std::signal(SIGINT, SIG_DFL);
+    bool started = false;
+    auto done = [&](dispatch_time_t timeout) { return dispatch_group_wait(group, timeout) == 0; };
+    const bool cancelled = readAndWait(*movie, done, showProgress, &started);
 
     if (asJson) {
         JsonWriter json;

@@ -4,7 +4,6 @@
 // be copied are left out with a note. Ctrl-C cancels and removes the file.
 
 #include <atomic>
-#include <csignal>
 #include <cstdio>
 #include <optional>
 #include <unistd.h>
@@ -21,13 +20,6 @@
 using namespace qx;
 
 namespace {
-
-std::atomic<bool> gInterrupted {false};
-
-void onInterrupt(int)
-{
-    gInterrupted = true;
-}
 
 struct RemuxArguments {
     std::vector<QXURL> urls;
@@ -91,20 +83,10 @@ int runRemux(const Arguments& arguments)
         endRun(*movie);
         return 1;
     }
-    std::signal(SIGINT, onInterrupt);
     const bool showProgress = ::isatty(STDERR_FILENO);
-    const bool started = movie->startReading();
-    bool cancelled = false;
-    while (dispatch_semaphore_wait(written, dispatch_time(DISPATCH_TIME_NOW, 100 * 1000 * 1000)) != 0) {
-        if (gInterrupted && !cancelled) {
-            cancelled = true;
-            if (movie->isPaused) movie->togglePause();
-            movie->cancelReading();
-        }
-        if (showProgress && movie->progress) drawProgress(movie->progress->fractionCompleted());
-    }
-    if (showProgress) std::fprintf(stderr, "\n");
-    std::signal(SIGINT, SIG_DFL);
+    bool started = false;
+    auto done = [&](dispatch_time_t timeout) { return dispatch_semaphore_wait(written, timeout) == 0; };
+    const bool cancelled = readAndWait(*movie, done, showProgress, &started);
     endRun(*movie);
 
     if (cancelled) {
