@@ -19,6 +19,41 @@ const char kITunesMeaning[] = "com.apple.iTunes";
 const char kContentRatingItem[] = "iTunEXTC";
 const char kCreditsItem[] = "iTunMOVI";
 
+// The text fields of the record and their tags; an empty text removes the tag.
+struct TextTag {
+    QXAtomicObject<std::string> QXMetaData::*field;
+    std::optional<std::string> MP4Tags::*tag;
+};
+const TextTag kTextTags[] = {
+    {&QXMetaData::name, &MP4Tags::name},
+    {&QXMetaData::artist, &MP4Tags::artist},
+    {&QXMetaData::albumArtist, &MP4Tags::albumArtist},
+    {&QXMetaData::album, &MP4Tags::album},
+    {&QXMetaData::grouping, &MP4Tags::grouping},
+    {&QXMetaData::composer, &MP4Tags::composer},
+    {&QXMetaData::comment, &MP4Tags::comments},
+    {&QXMetaData::genre, &MP4Tags::genre},
+    {&QXMetaData::show, &MP4Tags::tvShow},
+    {&QXMetaData::tvNetwork, &MP4Tags::tvNetwork},
+    {&QXMetaData::episodeID, &MP4Tags::tvEpisodeID},
+    {&QXMetaData::shortDescription, &MP4Tags::description},
+    {&QXMetaData::longDescription, &MP4Tags::longDescription},
+    {&QXMetaData::lyrics, &MP4Tags::lyrics},
+    {&QXMetaData::seasonDescription, &MP4Tags::seasonDescription},
+    {&QXMetaData::sortName, &MP4Tags::sortName},
+    {&QXMetaData::sortArtist, &MP4Tags::sortArtist},
+    {&QXMetaData::sortAlbumArtist, &MP4Tags::sortAlbumArtist},
+    {&QXMetaData::sortAlbum, &MP4Tags::sortAlbum},
+    {&QXMetaData::sortComposer, &MP4Tags::sortComposer},
+    {&QXMetaData::sortShow, &MP4Tags::sortTVShow},
+    {&QXMetaData::copyright, &MP4Tags::copyright},
+    {&QXMetaData::encodingTool, &MP4Tags::encodingTool},
+    {&QXMetaData::encodedBy, &MP4Tags::encodedBy},
+    {&QXMetaData::keywords, &MP4Tags::keywords},
+    {&QXMetaData::category, &MP4Tags::category},
+    {&QXMetaData::xid, &MP4Tags::xid},
+};
+
 // A text field: an empty text removes the tag.
 std::optional<std::string> textTag(const QXAtomicObject<std::string>& field)
 {
@@ -102,14 +137,7 @@ bool QXMetaData::readFromFile(MP4File* file)
         if (tag) field = std::remove_reference_t<decltype(field)>(*tag);
     };
 
-    text(name, tags.name);
-    text(artist, tags.artist);
-    text(albumArtist, tags.albumArtist);
-    text(album, tags.album);
-    text(grouping, tags.grouping);
-    text(composer, tags.composer);
-    text(comment, tags.comments);
-    text(genre, tags.genre);
+    for (const TextTag& entry : kTextTags) text(this->*entry.field, tags.*entry.tag);
     number(genreType, tags.genreType);
     date(releaseDate, tags.releaseDate);
     if (tags.track) {
@@ -121,21 +149,8 @@ bool QXMetaData::readFromFile(MP4File* file)
         discCount = tags.disk->total;
     }
     number(compilation, tags.compilation);
-    text(show, tags.tvShow);
-    text(tvNetwork, tags.tvNetwork);
-    text(episodeID, tags.tvEpisodeID);
     number(seasonNumber, tags.tvSeason);
     number(episodeNumber, tags.tvEpisode);
-    text(shortDescription, tags.description);
-    text(longDescription, tags.longDescription);
-    text(lyrics, tags.lyrics);
-    text(seasonDescription, tags.seasonDescription);
-    text(sortName, tags.sortName);
-    text(sortArtist, tags.sortArtist);
-    text(sortAlbumArtist, tags.sortAlbumArtist);
-    text(sortAlbum, tags.sortAlbum);
-    text(sortComposer, tags.sortComposer);
-    text(sortShow, tags.sortTVShow);
     // Every picture that decodes, whatever its type code; the others are
     // dropped without a word.
     QXArtworkList pictures;
@@ -143,13 +158,8 @@ bool QXMetaData::readFromFile(MP4File* file)
         if (auto image = QXImage::imageWithData(picture.data.data(), picture.data.size())) pictures.push_back(image);
     }
     if (!pictures.empty()) artworks.set(std::move(pictures));
-    text(copyright, tags.copyright);
-    text(encodingTool, tags.encodingTool);
-    text(encodedBy, tags.encodedBy);
     date(purchaseDate, tags.purchaseDate);
     number(podcast, tags.podcast);
-    text(keywords, tags.keywords);
-    text(category, tags.category);
     number(hd, tags.hdVideo);
     number(videoKind, tags.mediaType);
     number(advisoryRating, tags.contentRating);
@@ -161,7 +171,6 @@ bool QXMetaData::readFromFile(MP4File* file)
     number(playlistID, tags.playlistID);
     number(genreID, tags.genreID);
     number(composerID, tags.composerID);
-    text(xid, tags.xid);
 
     for (const auto& value : freeFormValues(*file, kContentRatingItem)) {
         if (isValidUTF8(value)) setContentRatingStringMP4(std::string(value.begin(), value.end()));
@@ -179,47 +188,22 @@ bool QXMetaData::writeToFile(MP4File& file) const
     // type, podcast addresses) stays as it is.
     MP4Tags tags;
     MP4TagsFetch(tags, file);
-    tags.name = textTag(name);
-    tags.artist = textTag(artist);
-    tags.albumArtist = textTag(albumArtist);
-    tags.album = textTag(album);
-    tags.grouping = textTag(grouping);
-    tags.composer = textTag(composer);
-    tags.comments = textTag(comment);
-    tags.genre = textTag(genre);
+    for (const TextTag& entry : kTextTags) tags.*entry.tag = textTag(this->*entry.field);
     tags.genreType = numberTag<uint16_t>(genreType);
     tags.releaseDate = dateTag(releaseDate);
     tags.track = pairTag(trackNumber, trackCount);
     tags.disk = pairTag(discNumber, discCount);
     tags.compilation = compilation;
-    tags.tvShow = textTag(show);
-    tags.tvNetwork = textTag(tvNetwork);
-    tags.tvEpisodeID = textTag(episodeID);
     tags.tvSeason = numberTag<uint32_t>(seasonNumber);
     tags.tvEpisode = numberTag<uint32_t>(episodeNumber);
-    tags.description = textTag(shortDescription);
-    tags.longDescription = textTag(longDescription);
-    tags.lyrics = textTag(lyrics);
-    tags.seasonDescription = textTag(seasonDescription);
-    tags.sortName = textTag(sortName);
-    tags.sortArtist = textTag(sortArtist);
-    tags.sortAlbumArtist = textTag(sortAlbumArtist);
-    tags.sortAlbum = textTag(sortAlbum);
-    tags.sortComposer = textTag(sortComposer);
-    tags.sortTVShow = textTag(sortShow);
     // One picture at most: the first artwork, as PNG.
     tags.artwork.clear();
     if (artwork()) {
         const QXData png = artworkData();
         if (!png.empty()) tags.artwork.push_back({png, MP4_ART_PNG});
     }
-    tags.copyright = textTag(copyright);
-    tags.encodingTool = textTag(encodingTool);
-    tags.encodedBy = textTag(encodedBy);
     tags.purchaseDate = dateTag(purchaseDate);
     tags.podcast = podcast ? std::optional<bool>(true) : std::nullopt;
-    tags.keywords = textTag(keywords);
-    tags.category = textTag(category);
     // 4K has no value of its own in the tag: it is left out.
     tags.hdVideo = hd == 3 ? std::nullopt : std::optional<uint8_t>(uint8_t(hd));
     tags.mediaType = uint8_t(videoKind);
@@ -233,7 +217,6 @@ bool QXMetaData::writeToFile(MP4File& file) const
     tags.playlistID = numberTag<uint64_t>(playlistID);
     tags.genreID = numberTag<uint32_t>(genreID);
     tags.composerID = numberTag<uint32_t>(composerID);
-    tags.xid = textTag(xid);
     MP4TagsStore(tags, file);
 
     replaceFreeFormItem(file, kContentRatingItem, contentRatingStringMP4());
