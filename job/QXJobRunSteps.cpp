@@ -13,13 +13,6 @@ constexpr int64_t kFailedToCreateFile = -13002;
 
 } // namespace
 
-void QXJob::applyPreset(const std::shared_ptr<QXPreset>& newPreset)
-{
-    preset = newPreset;
-    removedTracks.clear();
-    tracks.clear();
-}
-
 bool QXJob::startProcessing(QXErrorRef*)
 {
     fail(QXMedia::errorWithDomain(QXMediaErrorDomain, kFailedToCreateFile, {{NSURLErrorKey, QXValue(destination)}}));
