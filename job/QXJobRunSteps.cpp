@@ -13,13 +13,6 @@ constexpr int64_t kFailedToCreateFile = -13002;
 
 } // namespace
 
-bool QXJob::startProcessing(QXErrorRef*)
-{
-    fail(QXMedia::errorWithDomain(QXMediaErrorDomain, kFailedToCreateFile, {{NSURLErrorKey, QXValue(destination)}}));
-    endRun();
-    return true;
-}
-
 bool QXJob::updateMetadata(QXErrorRef* error)
 {
     QXErrorRef failure =

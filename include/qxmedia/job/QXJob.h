@@ -16,6 +16,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -31,9 +32,11 @@ class QXChapterTrack;
 class QXMediaManagerTrack;
 class QXMetaData;
 class QXMovie;
+class QXMuxer;
 class QXPreset;
 class QXProgress;
 class QXSubtitleTrack;
+class QXSync;
 class QXVideoTrack;
 
 // Ordered: below Finished a job has not ended, below Failed it has neither
@@ -165,6 +168,15 @@ protected:
     // once its run is going and ends the run with endRun().
     virtual bool startProcessing(QXErrorRef* error);
     virtual bool updateMetadata(QXErrorRef* error);
+    // Gives each chapter a still of the movie at its start; a failure is
+    // kept in `error` and does not fail the job.
+    void generateChapterImages();
+    // Joins every copied or encoded line of the plan to `muxer` (through
+    // `sync` if given), starts the read loops, then the muxer. False if a
+    // reader failed to start. The handler runs once, on a global queue, when
+    // everything has ended, with the muxer's start error if there was one.
+    bool startMuxing(const std::shared_ptr<QXMuxer>& muxer, const std::shared_ptr<QXSync>& sync,
+                     std::function<void(const QXErrorRef&)> completionHandler, QXErrorRef* error = nullptr);
     // How every run ends: no progress movie, progress full, Finished unless
     // the run already ended otherwise, and the one signal.
     void endRun();
@@ -172,6 +184,10 @@ protected:
     void fail(const QXErrorRef& error);
 
 private:
+    // The end of a conversion: the job's outcome, removal of a failed output
+    // and, after success, of the sources if asked; then endRun().
+    void finishProcessing(const QXErrorRef& runError, const std::shared_ptr<QXMuxer>& muxer);
+
     mutable std::mutex lock_; // error_ and progressMovie_
     QXErrorRef error_;
     std::weak_ptr<QXMovie> progressMovie_;

@@ -1,0 +1,234 @@
+// A conversion run end to end: a Matroska source copied into an M4V through
+// a plan made by hand, checked with ffprobe and ffmpeg; cancel, an output
+// that cannot be written, and lines without a muxer input.
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <map>
+#include <sstream>
+#include <thread>
+
+#include "qxmedia/job/QXJob.h"
+#include "qxmedia/job/QXPreset.h"
+#include "qxmedia/platform/image/QXImage.h"
+#include "qxmedia/platform/progress/QXProgress.h"
+#include "qxmedia/source/QXChapterTrack.h"
+#include "qxmedia/source/QXMovie.h"
+#include "support/TestMedia.h"
+
+using namespace qx;
+
+namespace {
+
+std::filesystem::path source(const std::string& name, int seconds)
+{
+    const std::filesystem::path chapterFile = qxtest::mediaDir() / "run-chapters.ffmeta";
+    qxtest::writeFile(chapterFile, ";FFMETADATA1\n"
+                                   "[CHAPTER]\nTIMEBASE=1/1000\nSTART=0\nEND=1000\ntitle=Opening\n"
+                                   "[CHAPTER]\nTIMEBASE=1/1000\nSTART=1000\nEND=2000\ntitle=Middle\n");
+    const std::string length = std::to_string(seconds);
+    return qxtest::generate(
+        name, "-f lavfi -i testsrc2=size=160x90:rate=25:duration=" + length +
+                  " -f lavfi -i sine=frequency=440:sample_rate=48000:duration=" + length +
+                  " -f lavfi -i sine=frequency=880:sample_rate=48000:duration=" + length + " -i " +
+                  chapterFile.string() +
+                  " -filter_complex \"[1:a]aformat=channel_layouts=stereo[a20];[2:a]aformat=channel_layouts=5.1[a51]\""
+                  " -map 0:v -map \"[a20]\" -map \"[a51]\" -map_chapters 3"
+                  " -c:v libx264 -preset ultrafast -pix_fmt yuv420p -c:a:0 aac -b:a:0 96k -c:a:1 ac3 -b:a:1 192k");
+}
+
+// Copies every track of the movie, in its order.
+void planCopy(QXJob& job)
+{
+    job.tracks.clear();
+    for (const QXTrackRef& track : job.movie->tracks) {
+        job.tracks.push_back(QXTrackJob::initWithSource(track, track->copy(), QXTrackJobTypeRemux));
+    }
+}
+
+std::shared_ptr<QXJob> copyJob(const std::filesystem::path& input, const std::filesystem::path& output)
+{
+    auto movie = QXMovie::initWithURL(input);
+    if (!movie) return nullptr;
+    auto job = QXJob::initWithMovie(movie, QXPreset::initWithIdentifier(QXPresetApple1080p));
+    planCopy(*job);
+    job->chapters = movie->chapters;
+    job->destination = output;
+    job->queue();
+    return job;
+}
+
+// codec name -> packet count, per stream of the file, as ffprobe counts them.
+std::multimap<std::string, long> probePackets(const std::filesystem::path& file)
+{
+    std::string text;
+    qxtest::run("ffprobe -v error -count_packets -show_entries stream=codec_name,nb_read_packets -of csv=p=0 '" +
+                    file.string() + "'",
+                &text);
+    std::multimap<std::string, long> packets;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        const auto comma = line.find(',');
+        if (comma == std::string::npos) continue;
+        packets.emplace(line.substr(0, comma), std::atol(line.c_str() + comma + 1));
+    }
+    return packets;
+}
+
+class ConversionRun : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        dir = qxtest::makeTempDir("job-run");
+        // Failed outputs go to a trash of their own beside the test's files.
+        ::setenv("XDG_DATA_HOME", (dir / "data").c_str(), 1);
+    }
+    std::filesystem::path dir;
+};
+
+} // namespace
+
+TEST_F(ConversionRun, CopiesEveryTrackWithChaptersIntoAnM4VThatDecodes)
+{
+    const auto input = source("run-copy.mkv", 3);
+    ASSERT_FALSE(input.empty());
+    auto job = copyJob(input, dir / "out.m4v");
+    ASSERT_TRUE(job);
+    ASSERT_TRUE(job->chapters && job->chapters->chapterCount() == 2);
+
+    ASSERT_TRUE(job->start());
+    EXPECT_TRUE(job->waitUntilFinished()) << (job->error() ? job->error()->description() : "");
+    EXPECT_EQ(job->status, QXJobStatusFinished);
+    EXPECT_FALSE(job->progressMovie());
+    EXPECT_EQ(job->progress->completedUnitCount(), job->progress->totalUnitCount());
+    ASSERT_TRUE(std::filesystem::exists(dir / "out.m4v"));
+
+    const auto before = probePackets(input);
+    const auto after = probePackets(dir / "out.m4v");
+    for (const char* codec : {"h264", "aac", "ac3"}) {
+        ASSERT_EQ(before.count(codec), 1u) << codec;
+        ASSERT_EQ(after.count(codec), 1u) << codec;
+        // The AAC encoder's priming packet lies before the video's first
+        // frame, and the timeline drops audio that early.
+        const long dropped = std::string(codec) == "aac" ? 1 : 0;
+        EXPECT_EQ(after.find(codec)->second, before.find(codec)->second - dropped) << codec;
+    }
+    // The chapter titles are a text track of their own.
+    EXPECT_GE(after.size(), 4u);
+    std::string chapterList;
+    qxtest::run("ffprobe -v error -show_entries chapter=start_time:chapter_tags=title -of csv=p=0 '" +
+                    (dir / "out.m4v").string() + "'",
+                &chapterList);
+    EXPECT_NE(chapterList.find("Opening"), std::string::npos) << chapterList;
+    EXPECT_NE(chapterList.find("Middle"), std::string::npos) << chapterList;
+
+    std::string decodeErrors;
+    EXPECT_EQ(qxtest::run("ffmpeg -v error -i '" + (dir / "out.m4v").string() + "' -f null - 2>&1", &decodeErrors),
+              0);
+    EXPECT_EQ(decodeErrors, "");
+
+    // Each chapter got a still of the video at the picture's own size.
+    for (const QXChapterRef& chapter : job->chapters->chapters) {
+        ASSERT_TRUE(chapter->image);
+        EXPECT_EQ(chapter->image->pixelsWide(), 160);
+        EXPECT_EQ(chapter->image->pixelsHigh(), 90);
+        const uint8_t* pixel = chapter->image->bitmapData() + 4 * (45 * 160 + 80);
+        EXPECT_EQ(pixel[3], 255);
+        EXPECT_GT(pixel[0] + pixel[1] + pixel[2], 0);
+    }
+    EXPECT_FALSE(job->error());
+}
+
+TEST_F(ConversionRun, ChapterStillsThatCannotBeHadSetTheErrorButTheJobFinishes)
+{
+    const auto input = source("run-copy.mkv", 3);
+    auto job = copyJob(input, dir / "audio.m4a");
+    ASSERT_TRUE(job);
+    // Without a video line there is neither a picture to take nor a progress movie.
+    job->movie->tracks.erase(job->movie->tracks.begin());
+    planCopy(*job);
+
+    job->start();
+    EXPECT_TRUE(job->waitUntilFinished());
+    EXPECT_EQ(job->status, QXJobStatusFinished);
+    ASSERT_TRUE(job->error());
+    EXPECT_EQ(job->error()->domain(), std::string(AVFoundationErrorDomain));
+    for (const QXChapterRef& chapter : job->chapters->chapters) EXPECT_FALSE(chapter->image);
+    const auto after = probePackets(dir / "audio.m4a");
+    EXPECT_EQ(after.count("aac") + after.count("ac3"), 2u);
+}
+
+TEST_F(ConversionRun, LinesWithoutAnInputAreLeftOutAndTheRestIsWritten)
+{
+    const auto input = source("run-copy.mkv", 3);
+    auto job = copyJob(input, dir / "partial.m4v");
+    ASSERT_TRUE(job);
+    // The AC-3 line loses its input; a kept line takes no part either.
+    ASSERT_EQ(job->tracks.size(), 3u);
+    job->tracks[2]->muxerInput = nullptr;
+    job->tracks[1]->type = QXTrackJobTypeKeep;
+    job->chapters = nullptr;
+
+    job->start();
+    EXPECT_TRUE(job->waitUntilFinished());
+    const auto after = probePackets(dir / "partial.m4v");
+    EXPECT_EQ(after.size(), 1u);
+    EXPECT_EQ(after.count("h264"), 1u);
+}
+
+TEST_F(ConversionRun, CancelFromAnotherThreadEndsCancelledAndRemovesTheOutput)
+{
+    const auto input = source("run-long.mkv", 30);
+    auto job = copyJob(input, dir / "cancelled.m4v");
+    ASSERT_TRUE(job);
+    job->start();
+    // Paused, the run cannot end before the cancel reaches it.
+    job->togglePause();
+    std::thread([job] { job->cancel(); }).join();
+
+    EXPECT_FALSE(job->waitUntilFinished());
+    EXPECT_EQ(job->status, QXJobStatusCancelled);
+    ASSERT_TRUE(job->error());
+    EXPECT_EQ(job->error()->code(), 3072);
+    EXPECT_FALSE(std::filesystem::exists(dir / "cancelled.m4v"));
+    // The output went to the trash, and the job names it there.
+    EXPECT_NE(job->destination, dir / "cancelled.m4v");
+    EXPECT_TRUE(std::filesystem::exists(job->destination)) << job->destination;
+}
+
+TEST_F(ConversionRun, AnOutputThatCannotBeWrittenFailsWithTheMuxersError)
+{
+    const auto input = source("run-copy.mkv", 3);
+    qxtest::writeFile(dir / "plain-file", "x");
+    auto job = copyJob(input, dir / "plain-file" / "out.m4v");
+    ASSERT_TRUE(job);
+    job->moveToTrash = true;
+    QXErrorRef startError;
+    EXPECT_TRUE(job->start(&startError));
+    EXPECT_FALSE(job->waitUntilFinished());
+    EXPECT_EQ(job->status, QXJobStatusFailed);
+    ASSERT_TRUE(job->error());
+    EXPECT_EQ(job->error(), startError);
+    EXPECT_NE(job->error()->code(), 3072);
+    // The sources are left alone after a failure even when asked to go.
+    EXPECT_TRUE(std::filesystem::exists(input));
+}
+
+TEST_F(ConversionRun, AReaderThatCannotStartFailsTheRunWithItsError)
+{
+    const auto input = source("run-copy.mkv", 3);
+    const auto doomed = dir / "doomed.mkv";
+    std::filesystem::copy_file(input, doomed);
+    auto job = copyJob(doomed, dir / "never.m4v");
+    ASSERT_TRUE(job);
+    std::filesystem::remove(doomed);
+
+    QXErrorRef startError;
+    EXPECT_TRUE(job->start(&startError));
+    EXPECT_FALSE(job->waitUntilFinished());
+    EXPECT_EQ(job->status, QXJobStatusFailed);
+    ASSERT_TRUE(startError);
+    EXPECT_EQ(job->error(), startError);
+    EXPECT_FALSE(std::filesystem::exists(dir / "never.m4v"));
+}
