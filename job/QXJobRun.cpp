@@ -51,7 +51,10 @@ struct RunState {
     // same time (a loop feeds them in turn), until their ends.
     void drainReadLoops() const
     {
-        for (const auto& started : movies) started->cancelReading();
+        for (const auto& started : movies) {
+            started->cancelReading();
+            if (started->isPaused) started->togglePause();
+        }
         dispatch_group_t drained = dispatch_group_create();
         for (const QXTrackJobRef& line : lines) {
             std::shared_ptr<QXMovie> owner = line->source->source.lock();
@@ -82,7 +85,7 @@ std::string describe(const QXErrorRef& error)
 }
 
 // Tracks and their reader outputs hold each other during a run; the end of
-// the run lets go of both sides.
+// the run lets go of both sides, once each read loop is done with them.
 void releaseOutputs(const std::vector<QXTrackJobRef>& tracks)
 {
     std::vector<std::shared_ptr<QXMovie>> movies;
@@ -92,6 +95,7 @@ void releaseOutputs(const std::vector<QXTrackJobRef>& tracks)
         if (source && std::find(movies.begin(), movies.end(), source) == movies.end()) movies.push_back(source);
     }
     for (const auto& source : movies) {
+        dispatch_group_wait(source->readLoopGroup, DISPATCH_TIME_FOREVER);
         for (const QXTrackRef& track : source->tracks) {
             dispatch_sync(track->outQueue, [] {});
             track->outputs.clear();

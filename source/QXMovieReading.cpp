@@ -173,8 +173,11 @@ bool QXMovie::startReading()
     }
 
     auto self = shared_from_this();
-    dispatch_async(dispatch_get_global_queue(DISPATCH_QUEUE_PRIORITY_DEFAULT, 0),
-                   [self, context] { self->readLoop(context); });
+    dispatch_group_enter(readLoopGroup);
+    dispatch_async(dispatch_get_global_queue(DISPATCH_QUEUE_PRIORITY_DEFAULT, 0), [self, context] {
+        self->readLoop(context);
+        dispatch_group_leave(self->readLoopGroup);
+    });
     return rc >= 0;
 }
 

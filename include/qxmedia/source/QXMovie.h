@@ -63,6 +63,9 @@ public:
     std::shared_ptr<QXChapterTrack> chapters;
     int64_t bitrate = 0;
     qx::dispatch_semaphore_t progressSemaphore;
+    // Entered while a read loop runs: a wait returns once the loop is done
+    // with the tracks, so that a run may then let go of them.
+    qx::dispatch_group_t readLoopGroup = qx::dispatch_group_create();
     std::atomic<int64_t> status {QXMovieStatusCreated};
     std::string avPath;
     // One entry per FFmpeg stream; empty where the stream has no track.
