@@ -1,11 +1,9 @@
-// Stand-ins for the steps that plan a job from its preset and that run it,
-// until the planner, the conversion run and the in-place update are written
-// (each replaces its function here). Meanwhile a preset plans nothing, and a
-// run ends at once as failed: no output file is created.
+// The stand-in for the in-place update of a file's tags, chapters and track
+// settings, until that step is written: such a run ends at once as failed
+// and leaves the file as it was.
 
 #include "qxmedia/core/QXMedia.h"
 #include "qxmedia/job/QXJob.h"
-#include "qxmedia/job/QXPreset.h"
 
 namespace {
 
