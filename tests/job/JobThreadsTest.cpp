@@ -51,6 +51,13 @@ protected:
         dispatch_async(dispatch_get_global_queue(DISPATCH_QUEUE_PRIORITY_DEFAULT, 0), [self, output] {
             dispatch_semaphore_wait(self->gate, DISPATCH_TIME_FOREVER);
             while (CMSampleBufferRef sample = output->copyNextSample()) ++self->samples;
+            // As a real run ends: once the read loop is gone, tracks, outputs
+            // and readers let go of each other.
+            dispatch_group_wait(self->movie->readLoopGroup, DISPATCH_TIME_FOREVER);
+            for (const QXTrackRef& track : self->movie->tracks) {
+                dispatch_sync(track->outQueue, [] {});
+                track->outputs.clear();
+            }
             self->movie->releaseReaders();
             self->endRun();
         });
