@@ -69,9 +69,7 @@ std::shared_ptr<QXTrackReaderAudioOutput>
 QXTrackReaderAudioOutput::initWithSource(const std::shared_ptr<QXTrack>& source,
                                          const std::shared_ptr<QXTrack>& destination)
 {
-    auto output = std::make_shared<QXTrackReaderAudioOutput>(source, destination);
-    output->finishInit();
-    return output;
+    return makeFinished<QXTrackReaderAudioOutput>(source, destination);
 }
 
 QXTrackReaderAudioOutput::QXTrackReaderAudioOutput(std::shared_ptr<QXTrack> source,

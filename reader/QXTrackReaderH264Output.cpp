@@ -66,9 +66,7 @@ int slotOf(int64_t number, int64_t size) { return int(((number % size) + size) %
 std::shared_ptr<QXTrackReaderH264Output> QXTrackReaderH264Output::initWithSource(
     const std::shared_ptr<QXTrack>& source, const std::shared_ptr<QXTrack>& destination)
 {
-    auto output = std::make_shared<QXTrackReaderH264Output>(source, destination);
-    output->finishInit();
-    return output;
+    return makeFinished<QXTrackReaderH264Output>(source, destination);
 }
 
 QXTrackReaderH264Output::QXTrackReaderH264Output(std::shared_ptr<QXTrack> source, const std::shared_ptr<QXTrack>&)
@@ -184,9 +182,7 @@ void QXTrackReaderH264Output::emitNext()
 std::shared_ptr<QXTrackReaderH264DecoderOutput> QXTrackReaderH264DecoderOutput::initWithSource(
     const std::shared_ptr<QXTrack>& source, const std::shared_ptr<QXTrack>& destination)
 {
-    auto output = std::make_shared<QXTrackReaderH264DecoderOutput>(source, destination);
-    output->finishInit();
-    return output;
+    return makeFinished<QXTrackReaderH264DecoderOutput>(source, destination);
 }
 
 QXTrackReaderH264DecoderOutput::QXTrackReaderH264DecoderOutput(std::shared_ptr<QXTrack> source,

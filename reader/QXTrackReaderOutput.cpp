@@ -45,9 +45,7 @@ std::shared_ptr<QXTrackReaderOutput> QXTrackReaderOutput::initWithSource(const s
 
 std::shared_ptr<QXTrackReaderOutput> QXTrackReaderOutput::initWithSource(const std::shared_ptr<QXTrack>& source)
 {
-    auto output = std::make_shared<QXTrackReaderOutput>(source);
-    output->finishInit();
-    return output;
+    return makeFinished<QXTrackReaderOutput>(source);
 }
 
 QXTrackReaderOutput::QXTrackReaderOutput(std::shared_ptr<QXTrack> source)

@@ -32,9 +32,7 @@ std::shared_ptr<QXTrackReaderRawAudioOutput>
 QXTrackReaderRawAudioOutput::initWithSource(const std::shared_ptr<QXTrack>& source,
                                             const std::shared_ptr<QXTrack>& destination)
 {
-    auto output = std::make_shared<QXTrackReaderRawAudioOutput>(source, destination);
-    output->finishInit();
-    return output;
+    return makeFinished<QXTrackReaderRawAudioOutput>(source, destination);
 }
 
 QXTrackReaderRawAudioOutput::QXTrackReaderRawAudioOutput(std::shared_ptr<QXTrack> source,

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "qxmedia/platform/coremedia/CMBufferQueue.h"
 #include "qxmedia/platform/coremedia/CMSampleBuffer.h"
@@ -61,6 +62,15 @@ public:
 protected:
     // Creates the queue, named after the finished output.
     void finishInit();
+    // Constructs an output of class T and finishes it: the factories of the
+    // subclasses are this one call.
+    template <class T, class... Arguments>
+    static std::shared_ptr<T> makeFinished(Arguments&&... arguments)
+    {
+        auto output = std::make_shared<T>(std::forward<Arguments>(arguments)...);
+        output->finishInit();
+        return output;
+    }
 
 private:
     std::atomic<bool> finished_ {false};
