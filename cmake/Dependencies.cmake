@@ -8,7 +8,8 @@ pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
 find_package(pugixml REQUIRED)
 find_library(QX_CLD2_LIBRARY cld2 REQUIRED)
 find_package(SQLite3 REQUIRED)
-pkg_check_modules(TESSERACT IMPORTED_TARGET tesseract lept)
+# Bitmap subtitles are read by OCR: a build without it would lose them.
+pkg_check_modules(TESSERACT REQUIRED IMPORTED_TARGET tesseract lept)
 
 # The command-line tools run the pipeline's many small allocations on one
 # thread and free them on another; a thread-caching allocator keeps those

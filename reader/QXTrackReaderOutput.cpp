@@ -8,6 +8,7 @@ extern "C" {
 #include "qxmedia/reader/QXTrackReaderAudioOutput.h"
 #include "qxmedia/reader/QXTrackReaderH264Output.h"
 #include "qxmedia/reader/QXTrackReaderRawAudioOutput.h"
+#include "qxmedia/reader/QXTrackReaderSubtitleOutput.h"
 #include "qxmedia/source/QXMovie.h"
 #include "qxmedia/source/QXVideoTrack.h"
 
@@ -31,8 +32,8 @@ std::shared_ptr<QXTrackReaderOutput> QXTrackReaderOutput::initWithSource(const s
                                                                          const std::shared_ptr<QXTrack>& destination,
                                                                          bool encode)
 {
-    // Decoding audio and video, and subtitles of either kind, have outputs
-    // of their own still to come; they get the pass-through base meanwhile.
+    // Decoding video has an output of its own still to come; it gets the
+    // pass-through base meanwhile.
     const QXMediaType type = source ? source->mediaType() : nullptr;
     if (type == AVMediaTypeAudio && !encode) return QXTrackReaderRawAudioOutput::initWithSource(source, destination);
     if (type == AVMediaTypeAudio && encode) return QXTrackReaderAudioOutput::initWithSource(source, destination);
@@ -40,6 +41,8 @@ std::shared_ptr<QXTrackReaderOutput> QXTrackReaderOutput::initWithSource(const s
         if (needsDecoderForTiming(*source)) return QXTrackReaderH264DecoderOutput::initWithSource(source, destination);
         return QXTrackReaderH264Output::initWithSource(source, destination);
     }
+    if (type == AVMediaTypeSubtitle && !encode) return QXTrackReaderRawSubtitleOutput::initWithSource(source, destination);
+    if (type == AVMediaTypeSubtitle && encode) return QXTrackReaderSubtitleOutput::initWithSource(source, destination);
     return initWithSource(source);
 }
 

@@ -9,19 +9,22 @@ extern "C" {
 #include "OutputMedia.h"
 #include "qxmedia/reader/QXTrackReaderH264Output.h"
 #include "qxmedia/reader/QXTrackReaderRawAudioOutput.h"
+#include "qxmedia/reader/QXTrackReaderSubtitleOutput.h"
 #include "qxmedia/source/QXAudioTrack.h"
 #include "qxmedia/source/QXMovie.h"
 #include "qxmedia/source/QXVideoTrack.h"
 
 namespace {
 
-enum class Kind { Base, RawAudio, H264, H264Decoder };
+enum class Kind { Base, RawAudio, H264, H264Decoder, Subtitle, RawSubtitle };
 
 Kind kindOf(const std::shared_ptr<QXTrackReaderOutput>& output)
 {
     if (std::dynamic_pointer_cast<QXTrackReaderRawAudioOutput>(output)) return Kind::RawAudio;
     if (std::dynamic_pointer_cast<QXTrackReaderH264DecoderOutput>(output)) return Kind::H264Decoder;
     if (std::dynamic_pointer_cast<QXTrackReaderH264Output>(output)) return Kind::H264;
+    if (std::dynamic_pointer_cast<QXTrackReaderSubtitleOutput>(output)) return Kind::Subtitle;
+    if (std::dynamic_pointer_cast<QXTrackReaderRawSubtitleOutput>(output)) return Kind::RawSubtitle;
     return Kind::Base;
 }
 
@@ -63,7 +66,7 @@ TEST(OutputFactory, H264WithUntrustworthyTimesGetsTheDecoder)
     EXPECT_EQ(chosen(flagged, false), Kind::H264) << "the flag matters for H.264 only";
 }
 
-TEST(OutputFactory, EncodedSubtitleAndUnknownTracksKeepThePassThroughOutput)
+TEST(OutputFactory, EncodedVideoAndUnknownTracksKeepThePassThroughOutput)
 {
     auto movie = QXMovie::initWithURL(outputmedia::matroska());
     ASSERT_TRUE(movie);
@@ -72,8 +75,8 @@ TEST(OutputFactory, EncodedSubtitleAndUnknownTracksKeepThePassThroughOutput)
     auto subtitled = QXMovie::initWithURL(outputmedia::subtitled());
     ASSERT_TRUE(subtitled);
     ASSERT_EQ(subtitled->tracks.size(), 2u);
-    EXPECT_EQ(chosen(subtitled->tracks[1], false), Kind::Base);
-    EXPECT_EQ(chosen(subtitled->tracks[1], true), Kind::Base);
+    EXPECT_EQ(chosen(subtitled->tracks[1], false), Kind::RawSubtitle);
+    EXPECT_EQ(chosen(subtitled->tracks[1], true), Kind::Subtitle);
 
     auto unknown = QXTrack::init();
     unknown->codec_id = AV_CODEC_ID_BIN_DATA;
