@@ -47,7 +47,8 @@ std::vector<uint8_t> sampleBytes(const CMSampleBufferRef& sample)
 CMSampleBufferRef QXTX3GSampleBuffer(const std::vector<uint8_t>& bytes, CMTime presentation, CMTime duration)
 {
     CMBlockBufferRef block;
-    if (CMBlockBufferCreateWithMemoryBlock(nullptr, nullptr, bytes.size(), nullptr, nullptr, 0, bytes.size(), 0,
+    if (CMBlockBufferCreateWithMemoryBlock(nullptr, nullptr, bytes.size(), nullptr, nullptr, 0, bytes.size(),
+                                           kCMBlockBufferAssureMemoryNowFlag,
                                            &block) != 0 ||
         CMBlockBufferReplaceDataBytes(bytes.data(), block, 0, bytes.size()) != 0) {
         return nullptr;
@@ -276,8 +277,9 @@ void QXTrackReaderSubtitleOutput::joinTimeline(const CMSampleBufferRef& sample)
     const bool durationValid = CMTIME_IS_NUMERIC(Du);
     const CMTime E = durationValid ? CMTimeAdd(Pu, Du) : kCMTimeInvalid;
     if (durationValid && E < P) {
-        addEmptySampleAtTimestamp(E, CMTimeSubtract(P, E));
+        // The held line goes first: the track's samples follow each other.
         QXTrackReaderOutput::processSample(held);
+        addEmptySampleAtTimestamp(E, CMTimeSubtract(P, E));
     } else if (!durationValid || E > P) {
         // Overlapping subtitles: the earlier one ends where the next begins.
         const CMSampleTimingInfo timing {CMTimeSubtract(P, Pu), Pu, kCMTimeInvalid};
