@@ -157,6 +157,11 @@ bool QXSync::processVideoSample(const CMSampleBufferRef& sample, QXTrackReaderOu
         }
         if (auto copy = copyWithTiming(cur, duration, pts, dts)) forwardTo(forward, copy);
         from.cur = nullptr;
+        {
+            std::lock_guard guard(subtitleLock_);
+            videoEnded_ = true;
+            releaseSubtitlesUpTo(kCMTimePositiveInfinity);
+        }
         wakeWaiters();
         return true;
     }
@@ -283,8 +288,10 @@ bool QXSync::processSubtitleSample(const CMSampleBufferRef& sample, QXTrackReade
     if (!sample) return true;
     CMSampleBufferGetFirstSampleAttachments(sample, true)->setObject(kCMSampleAttachmentKey_Muxer, forward);
     if (!subtitleQueue_) return true;
+    std::lock_guard guard(subtitleLock_);
     if (OSStatus status = CMBufferQueueEnqueue(subtitleQueue_, sample); status != 0) {
         QXMedia::errorWithDomain(NSOSStatusErrorDomain, status);
     }
+    if (videoEnded_) releaseSubtitlesUpTo(kCMTimePositiveInfinity);
     return true;
 }

@@ -1,5 +1,6 @@
 #include "qxmedia/reader/QXTrackReaderSubtitleOutput.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 
@@ -96,6 +97,11 @@ QXTrackReaderSubtitleOutput::QXTrackReaderSubtitleOutput(std::shared_ptr<QXTrack
                                       size_t(avctx->subtitle_header_size));
         ass_ctx = ASSSplitContext::create(header);
         if (!ass_ctx) QXLogWarning("%s failed to open ass context: %s", __func__, "no script header");
+        // A script without a picture of its own positions in its play area.
+        if (ass_ctx && !sourceWidth && !sourceHeight) {
+            sourceWidth = uint64_t(std::max(0, ass_ctx->scriptInfo().play_res_x));
+            sourceHeight = uint64_t(std::max(0, ass_ctx->scriptInfo().play_res_y));
+        }
     }
 }
 

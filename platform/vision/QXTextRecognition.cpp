@@ -7,6 +7,7 @@
 
 #include <tesseract/baseapi.h>
 
+#include "qxmedia/core/QXLocale.h"
 #include "qxmedia/core/QXMedia.h"
 
 namespace qx {
@@ -71,6 +72,8 @@ std::string QXTesseractLanguage(std::string_view isoCode)
 {
     std::string code(isoCode);
     std::transform(code.begin(), code.end(), code.begin(), [](unsigned char c) { return char(std::tolower(c)); });
+    // Tracks keep two-letter codes where a language has one.
+    if (code.size() == 2) code = ff_convert_lang_to(code, AV_LANG_ISO639_2_TERM);
     if (code.empty() || code == "und" || code == "mis" || code == "mul" || code == "zxx") return {};
     for (const auto& [iso, data] : kDataNames) {
         if (iso == code) return std::string(data);
@@ -122,7 +125,9 @@ std::string QXTextRecognizer::recognize(const QXTextImage& image)
         while (!line.empty() && (line.back() == ' ' || line.back() == '\r')) line.remove_suffix(1);
         if (!line.empty()) {
             if (!lines.empty()) lines += '\n';
-            lines += line;
+            // A vertical bar is the usual misreading of a capital I in
+            // subtitle fonts, and subtitles hardly ever hold a real one.
+            for (char c : line) lines += c == '|' ? 'I' : c;
         }
         rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
     }

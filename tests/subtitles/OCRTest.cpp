@@ -74,7 +74,7 @@ TEST(OCR, APictureWithoutTextGivesNothing)
 TEST(OCR, LanguagesMapToTrainedDataAndFallBackToEnglish)
 {
     const std::vector<std::pair<const char*, const char*>> names {
-        {"ger", "deu"}, {"deu", "deu"}, {"fre", "fra"}, {"chi", "chi_sim"}, {"ENG", "eng"}, {"und", ""}, {"", ""}};
+        {"ger", "deu"}, {"deu", "deu"}, {"fre", "fra"}, {"chi", "chi_sim"}, {"ENG", "eng"}, {"de", "deu"}, {"en", "eng"}, {"und", ""}, {"", ""}};
     for (const auto& [iso, data] : names) EXPECT_EQ(QXTesseractLanguage(iso), data) << iso;
 
     EXPECT_TRUE(QXTesseractHasLanguage("eng"));

@@ -65,4 +65,9 @@ private:
 
     std::atomic<bool> firstFrame_ {true};
     qx::CMBufferQueueRef subtitleQueue_;
+    // Once the video has ended nothing releases held subtitles: the rest is
+    // let go then, and later subtitles (a slow recognition, the closing
+    // empty sample) pass at once. Guards the hand-over between the two.
+    std::mutex subtitleLock_;
+    bool videoEnded_ = false;
 };
