@@ -10,6 +10,9 @@ find_library(QX_CLD2_LIBRARY cld2 REQUIRED)
 find_package(SQLite3 REQUIRED)
 # Bitmap subtitles are read by OCR: a build without it would lose them.
 pkg_check_modules(TESSERACT REQUIRED IMPORTED_TARGET tesseract lept)
+# Tesseract runs on OpenMP; the engine pool sets its workers' thread count
+# (through omp.h and the runtime alone: nothing else is built with -fopenmp).
+find_package(OpenMP REQUIRED COMPONENTS CXX)
 
 # The command-line tools run the pipeline's many small allocations on one
 # thread and free them on another; a thread-caching allocator keeps those

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <utility>
 
+#include <omp.h>
 #include <tesseract/baseapi.h>
 
 #include "qxmedia/core/QXLocale.h"
@@ -177,6 +178,9 @@ std::future<std::string> QXTextRecognitionPool::recognize(QXTextImage image)
 void QXTextRecognitionPool::work()
 {
     pthread_setname_np(pthread_self(), "qx.ocr");
+    // Tesseract parallelises inside a picture with OpenMP; the pool already
+    // keeps every core busy with pictures, so each engine runs on its worker.
+    omp_set_num_threads(1);
     // Each worker starts its engine once and keeps it warm; a worker whose
     // engine fails answers empty texts, as failed recognition does.
     std::unique_ptr<QXTextRecognizer> recognizer;
