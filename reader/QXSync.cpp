@@ -71,9 +71,14 @@ bool QXSync::processSample(const CMSampleBufferRef& sample, QXTrackReaderOutput&
 {
     // The end of a track needs no offset and passes at once: it must not
     // keep a channel waiting for a start that may never come.
-    if (sample && !settled_.load(std::memory_order_acquire) && !settleOffset(sample, from)) return true;
-
+    // A subtitle that waited in vain is held all the same: the video frames
+    // that release subtitles may still come (the copying video output keeps
+    // its first frames back), and a lost first line would stay lost.
     const QXMediaType type = from.mediaType();
+    if (sample && !settled_.load(std::memory_order_acquire) && !settleOffset(sample, from) &&
+        type != AVMediaTypeSubtitle) {
+        return true;
+    }
     if (type == AVMediaTypeVideo) return processVideoSample(sample, from, forward);
     if (type == AVMediaTypeAudio) return processAudioSample(sample, from, forward);
     if (type == AVMediaTypeSubtitle) return processSubtitleSample(sample, from, forward);

@@ -272,6 +272,12 @@ std::vector<uint8_t> QXTX3GSampleFromDialogue(std::string_view dialogueText, con
 
 std::vector<uint8_t> QXTX3GSampleFromString(std::string_view text, bool forced)
 {
+    // The same limit as for dialogue, cut before a character that would not fit.
+    if (text.size() > QXTX3GMaxTextLength) {
+        size_t end = QXTX3GMaxTextLength;
+        while (end > 0 && (uint8_t(text[end]) & 0xc0) == 0x80) --end;
+        text = text.substr(0, end);
+    }
     std::vector<uint8_t> out;
     out.reserve(2 + text.size() + (forced ? 8 : 0));
     put16(out, uint32_t(text.size()));

@@ -191,7 +191,8 @@ TEST(Sync, WithoutVideoTheEarliestTimeSeenStartsTheOutput)
     ASSERT_EQ(video.input->samples().size(), 1u);
     EXPECT_EQ(seconds(pts(video.input->samples()[0])), 2.0) << "the first frame keeps its distance from the start";
 
-    // A subtitle sample that came before any start waits in vain and is lost.
+    // A subtitle sample that came before any start waits in vain (and is
+    // held for video that may still come).
     auto lonely = QXSync::init();
     EXPECT_TRUE(lonely->processSample(at(100, 1000), *subtitle.output, subtitle.input));
     EXPECT_TRUE(log.contains("sync: not woken for:"));

@@ -1,11 +1,8 @@
-// Reading subtitle pictures: rendered lines of known English text come back
-// with at most 2% character errors through the pool of engines; a picture
-// without text gives nothing; a language without trained data falls back
-// to English, saying so once.
+// Reading subtitle pictures (the error rate on known text is measured end
+// to end with PGS and VobSub): a picture without text gives nothing; a
+// language without trained data falls back to English, saying so once.
 
 #include <gtest/gtest.h>
-
-#include <iostream>
 
 #include "SubtitleMedia.h"
 #include "qxmedia/platform/vision/QXTextRecognition.h"
@@ -15,19 +12,6 @@ using namespace qx;
 using namespace subtitletest;
 
 namespace {
-
-const std::vector<std::string> kLines {
-    "Where were you last night?",
-    "I told you, I was at the station.",
-    "The train left at quarter past nine.",
-    "Nobody saw you there, Thomas.",
-    "Then ask the man who sells tickets.",
-    "He says the office was closed all evening.",
-    "We need to find the red suitcase before dawn.",
-    "Keep your voice down, they can hear us.",
-    "Seventeen boxes, and every one of them empty.",
-    "Just tell me the truth for once!",
-};
 
 // A picture as a bitmap subtitle decoder gives it: one palette index a
 // pixel, 0 transparent, the others opaque greys.
@@ -40,28 +24,6 @@ QXTextImage asSubtitleBitmap(const GreyPicture& picture)
 }
 
 } // namespace
-
-TEST(OCR, RenderedEnglishLinesComeBackWithFewErrors)
-{
-    QXTextRecognitionPool pool("eng", 2);
-    std::vector<std::future<std::string>> answers;
-    for (const std::string& line : kLines) {
-        const GreyPicture picture = renderLine(line);
-        ASSERT_FALSE(picture.pixels.empty()) << line;
-        answers.push_back(pool.recognize(asSubtitleBitmap(picture)));
-    }
-    std::string recognised, reference;
-    for (size_t i = 0; i < kLines.size(); ++i) {
-        const std::string text = answers[i].get();
-        EXPECT_LE(characterErrorRate(text, kLines[i]), 0.1) << "line " << i << " read as '" << text << "'";
-        recognised += text + "\n";
-        reference += kLines[i] + "\n";
-    }
-    const double rate = characterErrorRate(recognised, reference);
-    std::cout << "character error rate: " << rate * 100 << " % over " << reference.size() << " characters\n";
-    RecordProperty("CharacterErrorRatePercent", std::to_string(rate * 100));
-    EXPECT_LE(rate, 0.02);
-}
 
 TEST(OCR, APictureWithoutTextGivesNothing)
 {

@@ -94,6 +94,10 @@ TEST(TX3G, RecognisedTextIsPlainAndForcedPicturesAreMarked)
     EXPECT_EQ(plain.text, "Two\nlines");
     EXPECT_FALSE(plain.hasStyles || plain.forced || plain.box);
 
+    // Long recognised text is cut at a character boundary within the limit.
+    const std::string longText = std::string(2046, 'a') + "\xc3\xa9";
+    EXPECT_EQ(parseTX3G(QXTX3GSampleFromString(longText, false)).text, std::string(2046, 'a'));
+
     const TX3GSample forced = parseTX3G(QXTX3GSampleFromString("Stop!", true));
     EXPECT_TRUE(forced.wellFormed);
     EXPECT_EQ(forced.text, "Stop!");
