@@ -1,0 +1,291 @@
+#include "qxmedia/matroska/QXMatroskaWalk.h"
+
+#include <algorithm>
+#include <exception>
+#include <memory>
+
+#include <ebml/EbmlBinary.h>
+#include <ebml/EbmlCrc32.h>
+#include <ebml/EbmlDate.h>
+#include <ebml/EbmlFloat.h>
+#include <ebml/EbmlHead.h>
+#include <ebml/EbmlMaster.h>
+#include <ebml/EbmlSInteger.h>
+#include <ebml/EbmlStream.h>
+#include <ebml/EbmlString.h>
+#include <ebml/EbmlSubHead.h>
+#include <ebml/EbmlUInteger.h>
+#include <ebml/EbmlUnicodeString.h>
+#include <ebml/EbmlVoid.h>
+#include <ebml/StdIOCallback.h>
+#include <matroska/KaxAttachments.h>
+#include <matroska/KaxBlock.h>
+#include <matroska/KaxChapters.h>
+#include <matroska/KaxCluster.h>
+#include <matroska/KaxCues.h>
+#include <matroska/KaxInfo.h>
+#include <matroska/KaxSeekHead.h>
+#include <matroska/KaxSegment.h>
+#include <matroska/KaxSemantic.h>
+#include <matroska/KaxTag.h>
+#include <matroska/KaxTags.h>
+#include <matroska/KaxTracks.h>
+
+#include "qxmedia/core/QXMedia.h"
+
+using namespace libebml;
+using namespace libmatroska;
+
+namespace {
+
+constexpr uint64_t kNoLimit = UINT64_MAX;
+
+template <class T>
+bool is(const EbmlElement* element)
+{
+    return EbmlId(*element) == EBML_ID(T);
+}
+
+int sizeForLog(const EbmlElement& element)
+{
+    return int(get_element_size(element));
+}
+
+QXValue parseAtDepth(const EbmlElement* element, int depth)
+{
+    if (!element) return {};
+    if (dynamic_cast<const EbmlVoid*>(element)) return {};
+    if (auto master = dynamic_cast<const EbmlMaster*>(element)) {
+        QXArray children;
+        if (depth >= QXMatroskaWalk::kMaxDepth) return children;
+        for (const EbmlElement* child : *master) {
+            QXValue value = parseAtDepth(child, depth + 1);
+            if (value.type() == QXValue::Type::Null) continue;
+            QXDictionary entry;
+            entry.emplace(EBML_NAME(child), std::move(value));
+            children.emplace_back(std::move(entry));
+        }
+        return children;
+    }
+    if (auto number = dynamic_cast<const EbmlUInteger*>(element)) return uint64_t(number->GetValue());
+    if (auto number = dynamic_cast<const EbmlSInteger*>(element)) return int64_t(number->GetValue());
+    if (auto text = dynamic_cast<const EbmlString*>(element)) return std::string(text->GetValue());
+    if (auto text = dynamic_cast<const EbmlUnicodeString*>(element)) return text->GetValueUTF8();
+    if (auto data = dynamic_cast<const EbmlBinary*>(element)) {
+        const uint8_t* bytes = data->GetBuffer();
+        return bytes ? QXData(bytes, bytes + data->GetSize()) : QXData();
+    }
+    if (auto number = dynamic_cast<const EbmlFloat*>(element)) return double(number->GetValue());
+    if (auto date = dynamic_cast<const EbmlDate*>(element)) {
+        return QXDate(std::chrono::seconds(date->GetEpochDate()));
+    }
+    QXLogWarning("Unknown EBML element '%s'", EBML_NAME(element));
+    return {};
+}
+
+template <class T>
+const T* childOf(const EbmlMaster& master)
+{
+    for (const EbmlElement* child : master) {
+        if (is<T>(child)) return static_cast<const T*>(child);
+    }
+    return nullptr;
+}
+
+void logHead(EbmlHead& head)
+{
+    QXLogInfo("l0Object: %s", QXMatroskaWalk::parseElement(&head).description().c_str());
+    if (auto v = childOf<EVersion>(head)) QXLogInfo("EBML Version: %d", int(v->GetValue()));
+    if (auto v = childOf<EReadVersion>(head)) QXLogInfo("EBML Read Version: %d", int(v->GetValue()));
+    if (auto v = childOf<EMaxIdLength>(head)) QXLogInfo("Maximum EBML ID length: %d", int(v->GetValue()));
+    if (auto v = childOf<EMaxSizeLength>(head)) QXLogInfo("Maximum EBML size length: %d", int(v->GetValue()));
+    if (auto v = childOf<EDocType>(head)) QXLogInfo("Document Type: %s", std::string(v->GetValue()).c_str());
+    if (auto v = childOf<EDocTypeVersion>(head)) QXLogInfo("Document Type Version: %d", int(v->GetValue()));
+    if (auto v = childOf<EDocTypeReadVersion>(head)) {
+        QXLogInfo("Document Type Read Version: %d", int(v->GetValue()));
+    }
+}
+
+void logTagTargets(const KaxTagTargets& targets)
+{
+    QXLogInfo("KaxTagTargets: %d", sizeForLog(targets));
+    if (auto type = childOf<KaxTagTargetType>(targets)) {
+        QXLogInfo("Tag Target Type: %s", std::string(type->GetValue()).c_str());
+    }
+    if (auto value = childOf<KaxTagTargetTypeValue>(targets)) {
+        QXLogInfo("Tag Target Type Value: %d", int(value->GetValue()));
+    }
+    for (const EbmlElement* child : targets) QXLogInfo("Tags child: %d", sizeForLog(*child));
+}
+
+// The tags as read: one "Tag" line per tag and a line per part of it.
+void walkTags(const KaxTags& tags)
+{
+    for (const EbmlElement* tag : tags) {
+        QXLogInfo("########### Tag");
+        const auto* master = dynamic_cast<const EbmlMaster*>(tag);
+        if (!master) continue;
+        for (const EbmlElement* part : *master) {
+            QXLogInfo("Name: %s", EBML_NAME(part));
+            const int size = sizeForLog(*part);
+            if (is<EbmlVoid>(part)) QXLogInfo("EBML void: %d", size);
+            else if (is<EbmlCrc32>(part)) QXLogInfo("EBML CRC-32: %d", size);
+            else if (is<KaxTags>(part)) QXLogInfo("KaxTags: %d", size);
+            else if (is<KaxTag>(part)) QXLogInfo("KaxTag: %d", size);
+            else if (is<KaxTagTargets>(part)) logTagTargets(*static_cast<const KaxTagTargets*>(part));
+            else if (is<KaxTagSimple>(part)) QXLogInfo("KaxTagSimple: %d", size);
+            else if (is<KaxTagTargetType>(part)) QXLogInfo("KaxTagTargetType: %d", size);
+            else if (is<KaxTagTargetTypeValue>(part)) QXLogInfo("KaxTagTargetTypeValue: %d", size);
+            else if (is<KaxTagName>(part)) QXLogInfo("KaxTagName: %d", size);
+            else if (is<KaxTagString>(part)) QXLogInfo("KaxTagString: %d", size);
+            else QXLogInfo("Unknown part %d of size %d", int(EbmlId(*part).GetValue()), size);
+        }
+    }
+}
+
+// One top-level element of a segment: its line, and its tree where it is small.
+void logSegmentPart(EbmlElement& element)
+{
+    struct Kind {
+        const EbmlId& id;
+        const char* format;
+        bool tree;
+    };
+    static const Kind kinds[] = {
+        {EBML_ID(EbmlVoid), "EBML void: %d", false},
+        {EBML_ID(EbmlCrc32), "EBML CRC-32: %d", false},
+        {EBML_ID(KaxInfo), "Segment information: %d", true},
+        {EBML_ID(KaxTracks), "Tracks: %d", true},
+        {EBML_ID(KaxSeekHead), "Seek head: %d", true},
+        {EBML_ID(KaxCues), "Cues: %d", true},
+        {EBML_ID(KaxAttachments), "Attachments: %d", true},
+        {EBML_ID(KaxClusterSilentTracks), "Silent Tracks: %d", false},
+        {EBML_ID(KaxBlockGroup), "Block Group: %d", false},
+        {EBML_ID(KaxCluster), "Cluster: %d", false},
+        {EBML_ID(KaxChapters), "Chapters: %d", true},
+        {EBML_ID(KaxTags), "Tags: %d", true},
+    };
+    const EbmlId id(element);
+    const auto kind = std::find_if(std::begin(kinds), std::end(kinds), [&](const Kind& k) { return k.id == id; });
+    if (kind == std::end(kinds)) {
+        QXLogInfo("Unknown Segment part: %d", sizeForLog(element));
+        return;
+    }
+    QXLogInfo(kind->format, sizeForLog(element));
+    if (kind->tree) QXLogInfo("l1Object: %s", QXMatroskaWalk::parseElement(&element).description().c_str());
+    if (id == EBML_ID(KaxTags)) walkTags(static_cast<const KaxTags&>(element));
+}
+
+// Walks the top-level elements of one segment, up to an element that the
+// file cuts short.
+void walkSegment(EbmlStream& stream, IOCallback& file, uint64_t fileLength, EbmlElement& segment)
+{
+    int upperLevel = 0;
+    std::unique_ptr<EbmlElement> part(stream.FindNextElement(EBML_CONTEXT(&segment), upperLevel, kNoLimit, true));
+    while (part && upperLevel <= 0) {
+        int readUpper = 0;
+        EbmlElement* found = nullptr;
+        part->Read(stream, EBML_CONTEXT(part.get()), readUpper, found, true);
+        delete found;
+        if (readUpper > 0) QXLogWarning("No LX!!!");
+        logSegmentPart(*part);
+        const uint64_t next = part->GetElementPosition() + get_element_size(*part);
+        if (next <= part->GetElementPosition()) break;
+        if (next > fileLength) {
+            QXLogWarning("The file ends inside %s at %llu of %llu bytes; the walk stops", EBML_NAME(part.get()),
+                         (unsigned long long)(fileLength - part->GetElementPosition()),
+                         (unsigned long long)get_element_size(*part));
+            break;
+        }
+        file.setFilePointer(int64_t(next));
+        part.reset(stream.FindNextElement(EBML_CONTEXT(&segment), upperLevel, kNoLimit, true));
+    }
+}
+
+// The file opened for reading, or null after logging "Fail!".
+std::unique_ptr<StdIOCallback> openFile(const QXURL& url)
+{
+    std::unique_ptr<StdIOCallback> file;
+    try {
+        file = std::make_unique<StdIOCallback>(url.c_str(), MODE_READ);
+    } catch (...) {
+        // libebml throws when fopen fails.
+    }
+    if (!file || file->getFilePointer() == uint64_t(-1)) {
+        QXLogInfo("Fail!");
+        return nullptr;
+    }
+    return file;
+}
+
+void walk(const QXURL& url)
+{
+    const std::unique_ptr<StdIOCallback> opened = openFile(url);
+    if (!opened) return;
+    StdIOCallback& file = *opened;
+    file.setFilePointer(0, seek_end);
+    const uint64_t fileLength = file.getFilePointer();
+    file.setFilePointer(0);
+    QXLogInfo("OK");
+    EbmlStream stream(file);
+    std::unique_ptr<EbmlElement> head(stream.FindNextID(EBML_INFO(EbmlHead), kNoLimit));
+    if (!head || !is<EbmlHead>(head.get())) {
+        QXMedia::log(false, QXLogFlagError, 0, __FILE__, __func__, __LINE__, nullptr,
+                     "No EBML head found. This file is probably not a Matroska file.");
+        return;
+    }
+    int upperLevel = 0;
+    EbmlElement* found = nullptr;
+    head->Read(stream, EBML_CONTEXT(head.get()), upperLevel, found, true);
+    delete found;
+    logHead(static_cast<EbmlHead&>(*head));
+    file.setFilePointer(int64_t(head->GetElementPosition() + get_element_size(*head)));
+
+    for (;;) {
+        std::unique_ptr<EbmlElement> level0(stream.FindNextID(EBML_INFO(KaxSegment), kNoLimit));
+        if (!level0) break;
+        if (!is<KaxSegment>(level0.get())) {
+            QXMedia::log(false, QXLogFlagError, 0, __FILE__, __func__, __LINE__, nullptr,
+                         "Unknown Element. Segment expected.");
+        } else {
+            walkSegment(stream, file, fileLength, *level0);
+        }
+        // A segment of unknown size runs to the end of the file.
+        if (!level0->IsFiniteSize()) break;
+        const uint64_t next = level0->GetElementPosition() + get_element_size(*level0);
+        if (next <= level0->GetElementPosition()) break;
+        file.setFilePointer(int64_t(next));
+    }
+}
+
+} // namespace
+
+uint64_t get_element_size(const EbmlElement& element)
+{
+    const auto* master = dynamic_cast<const EbmlMaster*>(&element);
+    if (master && !element.IsFiniteSize()) {
+        const uint64_t start = element.GetElementPosition();
+        uint64_t end = start + EbmlId(element).GetLength();
+        for (const EbmlElement* child : *master) {
+            end = std::max(end, child->GetElementPosition() + get_element_size(*child));
+        }
+        return end - start;
+    }
+    return EbmlId(element).GetLength() + element.GetSizeLength() + element.GetSize();
+}
+
+QXValue QXMatroskaWalk::parseElement(const EbmlElement* element)
+{
+    return parseAtDepth(element, 0);
+}
+
+void QXMatroskaWalk::initWithMKVURL(const QXURL& url)
+{
+    try {
+        walk(url);
+    } catch (const std::exception& failure) {
+        QXLogWarning("The Matroska walk ended at damaged data in %s: %s", url.c_str(), failure.what());
+    } catch (...) {
+        QXLogWarning("The Matroska walk ended at damaged data in %s", url.c_str());
+    }
+}
