@@ -1,5 +1,6 @@
 #include "qxmedia/source/QXAssetImageGenerator.h"
 
+#include <algorithm>
 #include <cinttypes>
 
 extern "C" {
@@ -22,6 +23,7 @@ namespace {
 // Decoders with B-frames show a picture later than they read it: the
 // stream-level seek starts this much earlier to make up for it.
 constexpr int64_t kBFrameSeekLeadMicroseconds = 130434;
+constexpr int kSeekAttempts = 6;
 
 struct CodecFreer {
     void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
@@ -58,6 +60,45 @@ std::shared_ptr<QXImage> rgbImage(const AVFrame* frame, const QXURL& url, QXErro
     }
     av_freep(&planes[0]);
     return image;
+}
+
+// Decodes from the current position until a picture at or after `target`
+// (answered) or the end (the last picture). Pictures before the first
+// intra-coded one are leftovers of the seek and are dropped. *tooLate tells
+// that the first good picture already lay behind the target.
+std::unique_ptr<AVFrame, FrameFreer> decodeUntil(AVFormatContext* format, AVCodecContext* decoder, int streamIndex,
+                                                 int64_t target, bool* tooLate)
+{
+    std::unique_ptr<AVFrame, FrameFreer> frame(av_frame_alloc());
+    std::unique_ptr<AVFrame, FrameFreer> last;
+    std::unique_ptr<AVPacket, PacketFreer> packet(av_packet_alloc());
+    bool draining = false, found = false, intraSeen = false;
+    *tooLate = false;
+    while (!found) {
+        if (!draining) {
+            if (av_read_frame(format, packet.get()) < 0) {
+                draining = true; // the decoder still holds delayed pictures
+                avcodec_send_packet(decoder, nullptr);
+            } else {
+                if (packet->stream_index == streamIndex) avcodec_send_packet(decoder, packet.get());
+                av_packet_unref(packet.get());
+            }
+        }
+        int received = 0;
+        while (!found && (received = avcodec_receive_frame(decoder, frame.get())) == 0) {
+            intraSeen = intraSeen || frame->pict_type == AV_PICTURE_TYPE_I;
+            const bool usable = intraSeen && !(frame->flags & AV_FRAME_FLAG_CORRUPT);
+            if (usable) {
+                const int64_t shown = frame->best_effort_timestamp;
+                found = shown != AV_NOPTS_VALUE && shown >= target;
+                *tooLate = found && !last && shown > target;
+                last.reset(av_frame_clone(frame.get()));
+            }
+            av_frame_unref(frame.get());
+        }
+        if (draining && !found && received != 0) break;
+    }
+    return last;
 }
 
 } // namespace
@@ -130,35 +171,31 @@ std::shared_ptr<QXImage> QXAssetImageGenerator::copyImageLocked(CMTime time, CMT
     if (const int opened = QXAvcodecOpen(decoder.get(), codec, nullptr); opened < 0) {
         QXLogWarning("Failed to find codec: %d", opened);
     }
-    int64_t seekTo = target;
+    int64_t lead = 0;
     if (!(formatCtx_->iformat->flags & AVFMT_SEEK_TO_PTS) && decoder->has_b_frames > 0) {
-        seekTo -= av_rescale_q(kBFrameSeekLeadMicroseconds, AV_TIME_BASE_Q, stream->time_base);
+        lead = av_rescale_q(kBFrameSeekLeadMicroseconds, AV_TIME_BASE_Q, stream->time_base);
     }
-    if (avformat_seek_file(formatCtx_, streamIndex, INT64_MIN, seekTo, seekTo, 0) < 0) {
-        QXLogWarning("Could not seek to position %0.3f", CMTimeGetSeconds(time));
+    // A seek past the end finds nothing to decode: aim at the last second.
+    int64_t aim = target;
+    if (formatCtx_->duration > 0) {
+        const int64_t end = start + av_rescale_q(formatCtx_->duration, AV_TIME_BASE_Q, stream->time_base);
+        aim = std::min(aim, end - av_rescale_q(AV_TIME_BASE, AV_TIME_BASE_Q, stream->time_base));
     }
-
-    std::unique_ptr<AVFrame, FrameFreer> frame(av_frame_alloc());
     std::unique_ptr<AVFrame, FrameFreer> last;
-    std::unique_ptr<AVPacket, PacketFreer> packet(av_packet_alloc());
-    bool draining = false, found = false;
-    while (!found) {
-        if (!draining) {
-            if (av_read_frame(formatCtx_, packet.get()) < 0) {
-                draining = true; // the decoder still holds delayed pictures
-                avcodec_send_packet(decoder.get(), nullptr);
-            } else {
-                if (packet->stream_index == streamIndex) avcodec_send_packet(decoder.get(), packet.get());
-                av_packet_unref(packet.get());
-            }
+    // Demuxers that seek by byte position (program streams) may land behind
+    // the target; the seek then starts earlier, a second, two, four ...
+    const int64_t second = av_rescale_q(AV_TIME_BASE, AV_TIME_BASE_Q, stream->time_base);
+    for (int attempt = 0; attempt < kSeekAttempts; ++attempt) {
+        // Aiming before the first picture is allowed: it finds the start.
+        const int64_t seekTo = aim - lead;
+        if (avformat_seek_file(formatCtx_, streamIndex, INT64_MIN, seekTo, seekTo, 0) < 0) {
+            QXLogWarning("Could not seek to position %0.3f", CMTimeGetSeconds(time));
         }
-        int received;
-        while (!found && (received = avcodec_receive_frame(decoder.get(), frame.get())) == 0) {
-            last.reset(av_frame_clone(frame.get()));
-            found = frame->best_effort_timestamp != AV_NOPTS_VALUE && frame->best_effort_timestamp >= target;
-            av_frame_unref(frame.get());
-        }
-        if (draining && !found && received != 0) break;
+        avcodec_flush_buffers(decoder.get());
+        bool tooLate = false;
+        last = decodeUntil(formatCtx_, decoder.get(), streamIndex, target, &tooLate);
+        if (!tooLate || seekTo < start - second) break;
+        lead = lead == 0 ? second : lead * 2;
     }
     if (!last) return nullptr;
 
