@@ -143,15 +143,15 @@ void walkTags(const KaxTags& tags)
     }
 }
 
-// One top-level element of a segment: its line, and its tree where it is small.
-void logSegmentPart(EbmlElement& element)
+struct SegmentPartKind {
+    const EbmlId& id;
+    const char* format;
+    bool tree; // read with its children and logged as a value tree
+};
+
+const SegmentPartKind* kindOf(const EbmlElement& element)
 {
-    struct Kind {
-        const EbmlId& id;
-        const char* format;
-        bool tree;
-    };
-    static const Kind kinds[] = {
+    static const SegmentPartKind kinds[] = {
         {EBML_ID(EbmlVoid), "EBML void: %d", false},
         {EBML_ID(EbmlCrc32), "EBML CRC-32: %d", false},
         {EBML_ID(KaxInfo), "Segment information: %d", true},
@@ -166,38 +166,74 @@ void logSegmentPart(EbmlElement& element)
         {EBML_ID(KaxTags), "Tags: %d", true},
     };
     const EbmlId id(element);
-    const auto kind = std::find_if(std::begin(kinds), std::end(kinds), [&](const Kind& k) { return k.id == id; });
-    if (kind == std::end(kinds)) {
-        QXLogInfo("Unknown Segment part: %d", sizeForLog(element));
+    const auto kind =
+        std::find_if(std::begin(kinds), std::end(kinds), [&](const SegmentPartKind& k) { return k.id == id; });
+    return kind == std::end(kinds) ? nullptr : kind;
+}
+
+// One top-level element of a segment: its line, and its tree where it is small.
+void logSegmentPart(EbmlElement& element, const SegmentPartKind* kind, uint64_t size)
+{
+    if (!kind) {
+        QXLogInfo("Unknown Segment part: %d", int(size));
         return;
     }
-    QXLogInfo(kind->format, sizeForLog(element));
+    QXLogInfo(kind->format, int(size));
     if (kind->tree) QXLogInfo("l1Object: %s", QXMatroskaWalk::parseElement(&element).description().c_str());
-    if (id == EBML_ID(KaxTags)) walkTags(static_cast<const KaxTags&>(element));
+    if (EbmlId(element) == EBML_ID(KaxTags)) walkTags(static_cast<const KaxTags&>(element));
+}
+
+// The span of an element of unknown size that is not read (a live stream's
+// cluster): its children are found and skipped one by one, without reading
+// their data, up to the first element that is not one of them.
+uint64_t measureUnread(EbmlStream& stream, IOCallback& file, uint64_t fileLength, EbmlElement& element)
+{
+    const uint64_t start = element.GetElementPosition();
+    uint64_t end = start + EbmlId(element).GetLength();
+    file.setFilePointer(int64_t(start + element.HeadSize()));
+    for (;;) {
+        int upperLevel = 0;
+        std::unique_ptr<EbmlElement> child(stream.FindNextElement(EBML_CONTEXT(&element), upperLevel, kNoLimit, true));
+        if (!child || upperLevel != 0 || !child->IsFiniteSize()) break;
+        const uint64_t childEnd = child->GetElementPosition() + get_element_size(*child);
+        if (childEnd <= end || childEnd > fileLength) break;
+        end = childEnd;
+        file.setFilePointer(int64_t(end));
+    }
+    return end - start;
 }
 
 // Walks the top-level elements of one segment, up to an element that the
-// file cuts short.
+// file cuts short. Clusters and the other parts without a logged tree are
+// never read: libebml's block reading does not survive every damaged file.
 void walkSegment(EbmlStream& stream, IOCallback& file, uint64_t fileLength, EbmlElement& segment)
 {
     int upperLevel = 0;
     std::unique_ptr<EbmlElement> part(stream.FindNextElement(EBML_CONTEXT(&segment), upperLevel, kNoLimit, true));
     while (part && upperLevel <= 0) {
-        int readUpper = 0;
-        EbmlElement* found = nullptr;
-        part->Read(stream, EBML_CONTEXT(part.get()), readUpper, found, true);
-        delete found;
-        if (readUpper > 0) QXLogWarning("No LX!!!");
-        logSegmentPart(*part);
-        const uint64_t next = part->GetElementPosition() + get_element_size(*part);
-        if (next <= part->GetElementPosition()) break;
-        if (next > fileLength) {
+        const uint64_t position = part->GetElementPosition();
+        const SegmentPartKind* kind = kindOf(*part);
+        if (part->IsFiniteSize() && position + get_element_size(*part) > fileLength) {
             QXLogWarning("The file ends inside %s at %llu of %llu bytes; the walk stops", EBML_NAME(part.get()),
-                         (unsigned long long)(fileLength - part->GetElementPosition()),
-                         (unsigned long long)get_element_size(*part));
+                         (unsigned long long)(fileLength - position), (unsigned long long)get_element_size(*part));
             break;
         }
-        file.setFilePointer(int64_t(next));
+        uint64_t size = 0;
+        if (kind && kind->tree) {
+            int readUpper = 0;
+            EbmlElement* found = nullptr;
+            part->Read(stream, EBML_CONTEXT(part.get()), readUpper, found, true);
+            delete found;
+            if (readUpper > 0) QXLogWarning("No LX!!!");
+            size = get_element_size(*part);
+        } else if (part->IsFiniteSize()) {
+            size = get_element_size(*part);
+        } else {
+            size = measureUnread(stream, file, fileLength, *part);
+        }
+        logSegmentPart(*part, kind, size);
+        if (size == 0 || position + size > fileLength) break;
+        file.setFilePointer(int64_t(position + size));
         part.reset(stream.FindNextElement(EBML_CONTEXT(&segment), upperLevel, kNoLimit, true));
     }
 }
