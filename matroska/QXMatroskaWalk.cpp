@@ -83,6 +83,41 @@ QXValue parseAtDepth(const EbmlElement* element, int depth)
     return {};
 }
 
+// Fills a master with its children, read one by one inside its bounds:
+// leaves with their data, masters the same way down to kMaxDepth. libebml's
+// own recursive read can leave dangling children in a damaged file; this
+// one only ever adds elements that were found and read whole.
+void clearChildren(EbmlMaster& master)
+{
+    for (EbmlElement* child : master) delete child; // the defaults a new master starts with
+    master.RemoveAll();
+}
+
+void readChildren(EbmlStream& stream, IOCallback& file, EbmlMaster& master, uint64_t end, int depth)
+{
+    clearChildren(master);
+    if (depth >= QXMatroskaWalk::kMaxDepth) return;
+    uint64_t position = master.GetElementPosition() + master.HeadSize();
+    while (position < end) {
+        file.setFilePointer(int64_t(position));
+        int upperLevel = 0;
+        std::unique_ptr<EbmlElement> child(
+            stream.FindNextElement(EBML_CONTEXT(&master), upperLevel, end - position, true));
+        if (!child || upperLevel != 0 || !child->IsFiniteSize()) break;
+        const uint64_t childEnd = child->GetElementPosition() + child->HeadSize() + child->GetSize();
+        if (child->GetElementPosition() < position || childEnd > end) break;
+        if (auto* inner = dynamic_cast<EbmlMaster*>(child.get())) {
+            readChildren(stream, file, *inner, childEnd, depth + 1);
+        } else {
+            file.setFilePointer(int64_t(child->GetElementPosition() + child->HeadSize()));
+            child->ReadData(file, SCOPE_ALL_DATA);
+        }
+        master.PushElement(*child.release());
+        position = childEnd;
+    }
+    file.setFilePointer(int64_t(end));
+}
+
 template <class T>
 const T* childOf(const EbmlMaster& master)
 {
@@ -219,17 +254,14 @@ void walkSegment(EbmlStream& stream, IOCallback& file, uint64_t fileLength, Ebml
             break;
         }
         uint64_t size = 0;
-        if (kind && kind->tree) {
-            int readUpper = 0;
-            EbmlElement* found = nullptr;
-            part->Read(stream, EBML_CONTEXT(part.get()), readUpper, found, true);
-            delete found;
-            if (readUpper > 0) QXLogWarning("No LX!!!");
+        if (kind && kind->tree && part->IsFiniteSize()) {
             size = get_element_size(*part);
+            readChildren(stream, file, static_cast<EbmlMaster&>(*part), position + size, 0);
         } else if (part->IsFiniteSize()) {
             size = get_element_size(*part);
         } else {
             size = measureUnread(stream, file, fileLength, *part);
+            if (auto* master = dynamic_cast<EbmlMaster*>(part.get())) clearChildren(*master);
         }
         logSegmentPart(*part, kind, size);
         if (size == 0 || position + size > fileLength) break;
@@ -270,12 +302,14 @@ void walk(const QXURL& url)
                      "No EBML head found. This file is probably not a Matroska file.");
         return;
     }
-    int upperLevel = 0;
-    EbmlElement* found = nullptr;
-    head->Read(stream, EBML_CONTEXT(head.get()), upperLevel, found, true);
-    delete found;
+    const uint64_t headEnd = head->GetElementPosition() + get_element_size(*head);
+    if (!head->IsFiniteSize() || headEnd > fileLength) {
+        QXLogWarning("The file ends inside the EBML head; the walk stops");
+        return;
+    }
+    readChildren(stream, file, static_cast<EbmlHead&>(*head), headEnd, 0);
     logHead(static_cast<EbmlHead&>(*head));
-    file.setFilePointer(int64_t(head->GetElementPosition() + get_element_size(*head)));
+    file.setFilePointer(int64_t(headEnd));
 
     for (;;) {
         std::unique_ptr<EbmlElement> level0(stream.FindNextID(EBML_INFO(KaxSegment), kNoLimit));
