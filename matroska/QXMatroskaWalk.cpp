@@ -1,6 +1,7 @@
 #include "qxmedia/matroska/QXMatroskaWalk.h"
 
 #include <algorithm>
+#include <cstring>
 #include <exception>
 #include <memory>
 
@@ -44,6 +45,12 @@ template <class T>
 bool is(const EbmlElement* element)
 {
     return EbmlId(*element) == EBML_ID(T);
+}
+
+// The bytes of an element's ID and size as they stand in the file.
+uint64_t headLength(const EbmlElement& element)
+{
+    return EbmlId(element).GetLength() + element.GetSizeLength();
 }
 
 int sizeForLog(const EbmlElement& element)
@@ -97,19 +104,26 @@ void readChildren(EbmlStream& stream, IOCallback& file, EbmlMaster& master, uint
 {
     clearChildren(master);
     if (depth >= QXMatroskaWalk::kMaxDepth) return;
-    uint64_t position = master.GetElementPosition() + master.HeadSize();
+    uint64_t position = master.GetElementPosition() + headLength(master);
     while (position < end) {
         file.setFilePointer(int64_t(position));
         int upperLevel = 0;
         std::unique_ptr<EbmlElement> child(
             stream.FindNextElement(EBML_CONTEXT(&master), upperLevel, end - position, true));
-        if (!child || upperLevel != 0 || !child->IsFiniteSize()) break;
-        const uint64_t childEnd = child->GetElementPosition() + child->HeadSize() + child->GetSize();
+        if (!child || upperLevel > 0 || !child->IsFiniteSize()) break;
+        const uint64_t childEnd = child->GetElementPosition() + headLength(*child) + child->GetSize();
         if (child->GetElementPosition() < position || childEnd > end) break;
         if (auto* inner = dynamic_cast<EbmlMaster*>(child.get())) {
             readChildren(stream, file, *inner, childEnd, depth + 1);
+        } else if (auto* text = dynamic_cast<EbmlUnicodeString*>(child.get())) {
+            // Read here: libebml's own read of these leaks on some damaged bytes.
+            std::string bytes(size_t(child->GetSize()), '\0');
+            file.setFilePointer(int64_t(child->GetElementPosition() + headLength(*child)));
+            file.readFully(bytes.data(), bytes.size());
+            bytes.resize(std::strlen(bytes.c_str()));
+            text->SetValueUTF8(bytes);
         } else {
-            file.setFilePointer(int64_t(child->GetElementPosition() + child->HeadSize()));
+            file.setFilePointer(int64_t(child->GetElementPosition() + headLength(*child)));
             child->ReadData(file, SCOPE_ALL_DATA);
         }
         master.PushElement(*child.release());
@@ -225,11 +239,11 @@ uint64_t measureUnread(EbmlStream& stream, IOCallback& file, uint64_t fileLength
 {
     const uint64_t start = element.GetElementPosition();
     uint64_t end = start + EbmlId(element).GetLength();
-    file.setFilePointer(int64_t(start + element.HeadSize()));
+    file.setFilePointer(int64_t(start + headLength(element)));
     for (;;) {
         int upperLevel = 0;
         std::unique_ptr<EbmlElement> child(stream.FindNextElement(EBML_CONTEXT(&element), upperLevel, kNoLimit, true));
-        if (!child || upperLevel != 0 || !child->IsFiniteSize()) break;
+        if (!child || upperLevel > 0 || !child->IsFiniteSize()) break;
         const uint64_t childEnd = child->GetElementPosition() + get_element_size(*child);
         if (childEnd <= end || childEnd > fileLength) break;
         end = childEnd;
