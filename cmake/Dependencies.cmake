@@ -5,6 +5,7 @@ pkg_check_modules(FFMPEG REQUIRED IMPORTED_TARGET
   libavformat libavcodec libavutil libswresample libswscale)
 pkg_check_modules(ICU REQUIRED IMPORTED_TARGET icu-uc icu-i18n)
 pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
+pkg_check_modules(MATROSKA REQUIRED IMPORTED_TARGET libebml libmatroska)
 find_package(pugixml REQUIRED)
 find_library(QX_CLD2_LIBRARY cld2 REQUIRED)
 find_package(SQLite3 REQUIRED)

@@ -455,15 +455,6 @@ void QXMovie::importSourceKind()
     }
 }
 
-// A title of a VIDEO_TS folder takes its disc numbers, name and chapters
-// from the folder's information files (VIDEO_TS.IFO and VTS_nn_0.IFO). The
-// readers of those files are a module of their own that is not part of the
-// library yet; until it is, a DVD title opens like any program stream.
-void QXMovie::importDVDTitle()
-{
-    QXLogInfo("DVD title %s: the VIDEO_TS information files are not read", fileURL.filename().c_str());
-}
-
 void QXMovie::importEyeTVRecording()
 {
     const QXURL folder = fileURL.parent_path();

@@ -38,6 +38,10 @@ int runEncoders(const Arguments& arguments);
 int runInfo(const Arguments& arguments);
 int runRead(const Arguments& arguments);
 int runRemux(const Arguments& arguments);
+// info on a VIDEO_TS folder (or the folder above it) lists its titles.
+bool isDVDFolderArgument(const Arguments& arguments);
+int runDVDInfo(const Arguments& arguments);
+int runMkvWalk(const Arguments& arguments);
 
 // Installs the log callback: warnings and errors to stderr, everything with
 // verbose set.

@@ -157,6 +157,7 @@ void printMovie(const QXMovie& movie)
 
 int runInfo(const Arguments& arguments)
 {
+    if (isDVDFolderArgument(arguments)) return runDVDInfo(arguments);
     const std::unique_ptr<MovieArguments> parsed = parseMovieArguments(arguments, "info");
     if (!parsed) return 2;
     const bool asJson = parsed->asJson;

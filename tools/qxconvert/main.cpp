@@ -71,6 +71,7 @@ const std::map<std::string, Command>& commands()
         {"info", {"info FILE... [--json]", runInfo}},
         {"read", {"read FILE... [--json]", runRead}},
         {"remux", {"remux FILE... -o OUT.m4v", runRemux}},
+        {"mkvwalk", {"mkvwalk FILE", runMkvWalk}},
     };
     return table;
 }
