@@ -151,17 +151,14 @@ void QXJob::finishProcessing(const QXErrorRef& runError, const std::shared_ptr<Q
     if (status < QXJobStatusFailed) renamePartialOutput();
     // Fast start and the media library come after this, once they exist.
 
+    // A failed or cancelled run removes its partial file outright: no file
+    // of that name was ever the user's, so there is nothing to keep in the
+    // trash, and whatever sat under the final name is untouched.
     const int64_t ended = status;
-    std::error_code ignored;
+    std::error_code removal;
     if (!partialDestination.empty() && (ended == QXJobStatusFailed || ended == QXJobStatusCancelled) &&
-        std::filesystem::exists(std::filesystem::symlink_status(partialDestination, ignored))) {
-        QXURL trashed;
-        QXErrorRef trashError;
-        if (!trashItemAtURL(partialDestination, &trashed, &trashError)) {
-            QXLogWarning("Failed to delete %s: %s", partialDestination.c_str(), describe(trashError).c_str());
-            std::filesystem::remove(partialDestination, ignored);
-        }
-        if (!trashed.empty()) destination = trashed;
+        !std::filesystem::remove(partialDestination, removal) && removal) {
+        QXLogWarning("Failed to delete %s: %s", partialDestination.c_str(), removal.message().c_str());
     }
 
     if (status < QXJobStatusFailed && moveToTrash) {

@@ -81,8 +81,8 @@ protected:
     void SetUp() override
     {
         dir = qxtest::makeTempDir("job-run");
-        // Failed outputs go to a trash of their own beside the test's files.
-        ::setenv("XDG_DATA_HOME", (dir / "data").c_str(), 1);
+        // Sources a run is asked to trash go to a trash of the test's own.
+        ::setenv("XDG_DATA_HOME", qxtest::makeTempDir("job-run-data").c_str(), 1);
     }
     std::filesystem::path dir;
 };
@@ -179,7 +179,7 @@ TEST_F(ConversionRun, LinesWithoutAnInputAreLeftOutAndTheRestIsWritten)
     EXPECT_EQ(after.count("h264"), 1u);
 }
 
-TEST_F(ConversionRun, CancelFromAnotherThreadEndsCancelledAndRemovesTheOutput)
+TEST_F(ConversionRun, CancelFromAnotherThreadEndsCancelledAndLeavesNoFileBehind)
 {
     const auto input = source("run-long.mkv", 30);
     auto job = copyJob(input, dir / "cancelled.m4v");
@@ -187,16 +187,44 @@ TEST_F(ConversionRun, CancelFromAnotherThreadEndsCancelledAndRemovesTheOutput)
     job->start();
     // Paused, the run cannot end before the cancel reaches it.
     job->togglePause();
+    // Meanwhile the output grows under a hidden name beside the final one.
+    EXPECT_FALSE(std::filesystem::exists(dir / "cancelled.m4v"));
+    EXPECT_EQ(job->partialDestination.parent_path(), dir);
+    EXPECT_TRUE(std::filesystem::exists(job->partialDestination)) << job->partialDestination;
+    EXPECT_EQ(job->partialDestination.extension(), ".m4v") << "the extension picks the brands";
     std::thread([job] { job->cancel(); }).join();
 
     EXPECT_FALSE(job->waitUntilFinished());
     EXPECT_EQ(job->status, QXJobStatusCancelled);
     ASSERT_TRUE(job->error());
     EXPECT_EQ(job->error()->code(), 3072);
-    EXPECT_FALSE(std::filesystem::exists(dir / "cancelled.m4v"));
-    // The output went to the trash, and the job names it there.
-    EXPECT_NE(job->destination, dir / "cancelled.m4v");
-    EXPECT_TRUE(std::filesystem::exists(job->destination)) << job->destination;
+    EXPECT_FALSE(std::filesystem::exists(job->partialDestination));
+    EXPECT_EQ(job->destination, dir / "cancelled.m4v");
+    EXPECT_TRUE(std::filesystem::is_empty(dir)) << "nothing is left in the folder, nothing goes to the trash";
+}
+
+TEST_F(ConversionRun, AnOutputThatIsTheSourceIsRefusedBeforeAnythingIsWritten)
+{
+    const auto original = source("run-copy.mkv", 3);
+    const auto input = dir / "source.mkv";
+    std::filesystem::copy_file(original, input);
+    std::filesystem::create_symlink(input, dir / "link.mkv");
+    const auto size = std::filesystem::file_size(input);
+    const auto written = std::filesystem::last_write_time(input);
+    // The source through its own name, a relative spelling and a link.
+    for (const std::filesystem::path& output : {input, dir / "." / "source.mkv", dir / "link.mkv"}) {
+        auto job = copyJob(input, output);
+        ASSERT_TRUE(job);
+        QXErrorRef error;
+        EXPECT_FALSE(job->start(&error)) << output;
+        EXPECT_FALSE(job->waitUntilFinished());
+        EXPECT_EQ(job->status, QXJobStatusFailed);
+        ASSERT_TRUE(error) << output;
+        EXPECT_EQ(job->error(), error);
+    }
+    EXPECT_EQ(std::filesystem::file_size(input), size);
+    EXPECT_EQ(std::filesystem::last_write_time(input), written);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir), {}), 2) << "no partial file was made";
 }
 
 TEST_F(ConversionRun, AnOutputThatCannotBeWrittenFailsWithTheMuxersError)
