@@ -74,17 +74,19 @@ void ProgressReport::update(const QXJob& job)
 
 void ProgressReport::finish(const QXJob& job)
 {
+    if (form_ == Form::None) return;
+    // The last line gives the average speed of the whole run.
+    const bool finished = job.status == QXJobStatusFinished;
+    const double elapsed = qx::CACurrentMediaTime() - start_;
+    Figures last;
+    last.fraction = finished ? 1.0 : job.progress ? job.progress->fractionCompleted() : 0.0;
+    if (elapsed > 0 && duration_ > 0) last.speed = last.fraction * duration_ / elapsed;
+    last.fps = last.speed * frameRate_;
+    last.eta = finished ? 0 : -1;
     if (form_ == Form::Json) {
-        // The last line gives the average speed of the whole run.
-        const bool finished = job.status == QXJobStatusFinished;
-        const double elapsed = qx::CACurrentMediaTime() - start_;
-        Figures last;
-        last.fraction = finished ? 1.0 : job.progress ? job.progress->fractionCompleted() : 0.0;
-        if (elapsed > 0 && duration_ > 0) last.speed = last.fraction * duration_ / elapsed;
-        last.fps = last.speed * frameRate_;
-        last.eta = finished ? 0 : -1;
         writeJson(job, last);
-    } else if (form_ == Form::Terminal) {
+    } else {
+        drawLine(last);
         std::fprintf(stderr, "\n");
     }
 }

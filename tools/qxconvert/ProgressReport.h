@@ -21,6 +21,7 @@ public:
     // Once, after the run: the last line with the job's end state.
     void finish(const QXJob& job);
 
+private:
     struct Figures {
         double fraction = 0; // 0...1
         double speed = 0;    // seconds of the source per second, 0 while unknown
@@ -32,7 +33,6 @@ public:
     // "12:05", "1:02:03"; "--:--" for a negative time.
     static std::string clock(double seconds);
 
-private:
     void writeJson(const QXJob& job, const Figures& now);
     void drawLine(const Figures& now);
 
