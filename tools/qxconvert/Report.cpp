@@ -38,9 +38,31 @@ void report::installLogger()
     });
 }
 
+namespace {
+
+// The file system's errors often come without a text of their own.
+std::string why(const QXError& error)
+{
+    if (error.userInfo().count(NSLocalizedDescriptionKey) || error.domain() != std::string(NSCocoaErrorDomain)) {
+        return error.localizedDescription();
+    }
+    switch (error.code()) {
+    case 4: return "no such file";
+    case 513: return "permission denied";
+    case 514: return "not a valid file name";
+    case 516: return "a file of that name is in the way";
+    case 640: return "the disk is full";
+    case 642: return "the volume is read-only";
+    case 3072: return "cancelled";
+    default: return error.localizedDescription();
+    }
+}
+
+} // namespace
+
 void report::failure(const std::string& what, const QXURL& file, const QXErrorRef& error)
 {
-    failure(what, file, error ? error->localizedDescription() : std::string("unknown error"));
+    failure(what, file, error ? why(*error) : std::string("unknown error"));
     if (gVerbose && error) std::fprintf(stderr, "%s\n", error->description().c_str());
 }
 
