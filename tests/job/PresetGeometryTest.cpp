@@ -155,27 +155,34 @@ TEST(PresetPicture, ZeroSizes)
     }
 }
 
+// Video is copied only by the update and pass-through presets, and only
+// muxable H.264 or HEVC that fits the 4K box and has steady time stamps.
 TEST(PresetPassthrough, OnlyFittingMuxableH264OrHEVC)
 {
+    struct Row {
+        const char* what;
+        int32_t codec;
+        uint64_t width, height;
+        int profile, formatFlags;
+        bool copied;
+    };
+    const Row rows[] = {
+        {"HD H.264", AV_CODEC_ID_H264, 1920, 1080, 100, 0, true},
+        {"HEVC exactly the box", AV_CODEC_ID_HEVC, 3840, 2160, 1, 0, true},
+        {"HEVC wider than the box", AV_CODEC_ID_HEVC, 4096, 2160, 1, 0, false},
+        {"portrait 4K is taller than the box", AV_CODEC_ID_HEVC, 2160, 3840, 1, 0, false},
+        {"High 10 is not muxable", AV_CODEC_ID_H264, 1280, 720, 110, 0, false},
+        {"transport stream times", AV_CODEC_ID_H264, 1280, 720, 100, AVFMT_TS_DISCONT, false},
+    };
     auto passthrough = QXPreset::initWithIdentifier(QXPresetPassthrough);
+    for (const Row& row : rows) {
+        auto track = videoTrack(row.width, row.height);
+        track->codec_id = row.codec;
+        track->profile = row.profile;
+        track->formatFlags = row.formatFlags;
+        EXPECT_EQ(passthrough->allowPassthroughForVideoTrack(*track), row.copied) << row.what;
+    }
     auto hd = videoTrack(1920, 1080);
-    EXPECT_TRUE(passthrough->allowPassthroughForVideoTrack(*hd));
     EXPECT_FALSE(QXPreset::initWithIdentifier(QXPresetApple1080p)->allowPassthroughForVideoTrack(*hd));
     EXPECT_TRUE(QXPreset::initWithIdentifier(QXPresetUpdate)->allowPassthroughForVideoTrack(*hd));
-
-    auto hevc = videoTrack(3840, 2160);
-    hevc->codec_id = AV_CODEC_ID_HEVC;
-    EXPECT_TRUE(passthrough->allowPassthroughForVideoTrack(*hevc)); // exactly the box
-    hevc->width = 4096;
-    EXPECT_FALSE(passthrough->allowPassthroughForVideoTrack(*hevc));
-    hevc->width = 2160;
-    hevc->height = 3840; // portrait 4K is taller than the box
-    EXPECT_FALSE(passthrough->allowPassthroughForVideoTrack(*hevc));
-
-    auto high10 = videoTrack(1280, 720);
-    high10->profile = 110; // not muxable
-    EXPECT_FALSE(passthrough->allowPassthroughForVideoTrack(*high10));
-    auto transportStream = videoTrack(1280, 720);
-    transportStream->formatFlags = AVFMT_TS_DISCONT;
-    EXPECT_FALSE(passthrough->allowPassthroughForVideoTrack(*transportStream));
 }

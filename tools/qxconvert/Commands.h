@@ -2,12 +2,10 @@
 // The commands of qxconvert; each takes its arguments (after the command
 // name) and returns the process's exit status.
 
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "qxmedia/platform/dispatch/dispatch.h"
 #include "qxmedia/platform/foundation/QXValue.h"
 
 class QXMovie;

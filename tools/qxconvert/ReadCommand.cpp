@@ -12,6 +12,7 @@
 #include "JsonWriter.h"
 #include "Report.h"
 #include "qxmedia/muxer/QXMuxerInputProtocol.h"
+#include "qxmedia/platform/dispatch/dispatch.h"
 #include "qxmedia/reader/QXSampleBufferChannel.h"
 #include "qxmedia/reader/QXTrackReaderOutput.h"
 #include "qxmedia/source/QXMovie.h"
