@@ -144,6 +144,9 @@ int run(const std::shared_ptr<QXJob>& job, const ConvertArguments& parsed)
     ProgressReport progress(progressForm(parsed), qx::CMTimeGetSeconds(movie.duration()), frameRate);
 
     job->queue();
+    // From here a signal must not end the process: start() makes the
+    // partial file. It is only noted until the job can take a cancel.
+    interrupts::onInterrupt([] {});
     job->start();
     // Registered after start: a cancel before it would be overwritten by
     // the start's status; a signal that came meanwhile cancels now.

@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <mutex>
@@ -13,13 +14,17 @@ std::mutex gLock;
 std::function<void()> gAction; // guarded by gLock
 std::atomic<int> gSignal {0};
 
+// A signal the tool was started with ignored stays ignored (nohup, a
+// shell's background job): blocked, Linux would queue it for sigwait.
 sigset_t cancelSignals()
 {
     sigset_t set;
     sigemptyset(&set);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGTERM);
-    sigaddset(&set, SIGHUP);
+    for (int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction current {};
+        if (sigaction(signal, nullptr, &current) == 0 && current.sa_handler == SIG_IGN) continue;
+        sigaddset(&set, signal);
+    }
     return set;
 }
 
@@ -35,7 +40,11 @@ void waitForSignals(sigset_t set)
             std::lock_guard hold(gLock);
             action = gAction;
         }
-        if (action) action();
+        // Without an action nothing is being written: end at once, as the
+        // signal's default would, without running exit handlers under the
+        // feet of other threads.
+        if (!action) ::_exit(128 + taken);
+        action();
     }
 }
 

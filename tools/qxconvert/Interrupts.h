@@ -13,7 +13,9 @@ namespace interrupts {
 void block();
 // The action for the first signal. If a signal came before, it runs at
 // once, on the caller's thread; otherwise on the signal thread. Later
-// signals are ignored: one cancel is already on its way.
+// signals are ignored: one cancel is already on its way. While no action
+// is set (an empty one clears it) a signal ends the process at once with
+// exitStatus(): set one before anything is written.
 void onInterrupt(std::function<void()> action);
 // The first signal taken, or 0.
 int received();

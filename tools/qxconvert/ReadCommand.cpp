@@ -101,7 +101,6 @@ int runRead(const Arguments& arguments)
         }
     }
     if (showProgress) std::fprintf(stderr, "\n");
-    interrupts::onInterrupt({});
     // Every channel ended; the read loop may still be leaving.
     movie->endRun();
     const bool cancelled = interrupts::received() != 0;

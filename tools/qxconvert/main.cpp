@@ -61,7 +61,8 @@ constexpr char kExitStatuses[] =
     "  0        done\n"
     "  1        a file could not be opened, read or written (one line on stderr says which and why)\n"
     "  2        wrong arguments, or an output that is one of the inputs (refused before anything is written)\n"
-    "  128+N    cancelled by signal N (130 Ctrl-C, 143 SIGTERM, 129 SIGHUP); no output is left behind\n"
+    "  128+N    cancelled by signal N (130 Ctrl-C, 143 SIGTERM, 129 SIGHUP); no output is left behind;\n"
+    "           a signal the tool was started with ignored (nohup) stays ignored\n"
     "Outputs are written under a hidden name beside OUT and get their name when complete.\n";
 
 int usage(FILE* to, int status)
