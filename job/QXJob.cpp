@@ -3,6 +3,9 @@
 
 #include "qxmedia/job/QXJob.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 
@@ -21,6 +24,26 @@ using namespace qx;
 double qx::CACurrentMediaTime()
 {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+bool qx::isSameFile(const QXURL& a, const QXURL& b)
+{
+    struct stat first {}, second {};
+    if (::stat(a.c_str(), &first) != 0 || ::stat(b.c_str(), &second) != 0) return false;
+    return first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
+QXURL qx::partialURLFor(const QXURL& url)
+{
+    static std::atomic<unsigned> counter {0};
+    const QXURL absolute = std::filesystem::absolute(url);
+    const std::string stem = "." + absolute.stem().string() + ".part-" + std::to_string(::getpid()) + "-";
+    for (;;) {
+        QXURL candidate =
+            absolute.parent_path() / (stem + std::to_string(++counter) + absolute.extension().string());
+        std::error_code ignored;
+        if (!std::filesystem::exists(std::filesystem::symlink_status(candidate, ignored))) return candidate;
+    }
 }
 
 namespace {
@@ -180,6 +203,23 @@ void QXJob::fail(const QXErrorRef& error)
 {
     status = QXJobStatusFailed;
     if (error) setError(error);
+}
+
+QXURL QXJob::sourceAtDestination() const
+{
+    if (destination.empty()) return {};
+    std::vector<std::shared_ptr<QXMovie>> sources = attachedMovies;
+    sources.push_back(movie);
+    for (const QXTrackJobRef& line : tracks) {
+        if (line) sources.push_back(line->movie.lock());
+    }
+    for (const std::shared_ptr<QXMovie>& source : sources) {
+        if (!source) continue;
+        for (const QXURL& url : source->fileURLs) {
+            if (isSameFile(url, destination)) return url;
+        }
+    }
+    return {};
 }
 
 std::string QXJob::description() const

@@ -23,6 +23,9 @@ using namespace qx;
 
 namespace {
 
+constexpr int64_t kWriteUnknownErrorCode = 512; // NSFileWriteUnknownError
+constexpr int64_t kSameFileErrorCode = 516;     // NSFileWriteFileExistsError
+
 // What a run keeps while its blocks live. The error cell is written by the
 // start of the muxer and read by the group's notification.
 struct RunState {
@@ -94,20 +97,27 @@ void releaseOutputs(const std::vector<QXTrackJobRef>& tracks)
         std::shared_ptr<QXMovie> source = movieOf(*trackJob);
         if (source && std::find(movies.begin(), movies.end(), source) == movies.end()) movies.push_back(source);
     }
-    for (const auto& source : movies) {
-        dispatch_group_wait(source->readLoopGroup, DISPATCH_TIME_FOREVER);
-        for (const QXTrackRef& track : source->tracks) {
-            dispatch_sync(track->outQueue, [] {});
-            track->outputs.clear();
-        }
-        source->releaseReaders();
-    }
+    for (const auto& source : movies) source->endRun();
 }
 
 } // namespace
 
 bool QXJob::startProcessing(QXErrorRef* error)
 {
+    // Refused before anything is written: the rename at the end would
+    // replace the source with its own conversion.
+    if (const QXURL source = sourceAtDestination(); !source.empty()) {
+        QXErrorRef refusal = QXMedia::errorWithDomain(
+            NSCocoaErrorDomain, kSameFileErrorCode,
+            {{NSFilePathErrorKey, QXValue(destination.string())},
+             {NSLocalizedDescriptionKey, QXValue("the output is the source " + source.string() + " itself")}});
+        QXSetError(error, refusal);
+        fail(refusal);
+        endRun();
+        return false;
+    }
+    partialDestination = partialURLFor(destination);
+
     if (chapters && !chapters->chapters.empty()) {
         progress->becomeCurrentWithPendingUnitCount(100);
         generateChapterImages();
@@ -115,7 +125,7 @@ bool QXJob::startProcessing(QXErrorRef* error)
         progress->setCompletedUnitCount(0);
     }
 
-    auto muxer = QXMuxer::initWithURL(destination, "com.apple.m4v-video", error);
+    auto muxer = QXMuxer::initWithURL(partialDestination, "com.apple.m4v-video", error);
     muxer->use64BitData = use64BitData;
     muxer->metadata = metadata;
     auto sync = QXSync::init();
@@ -136,16 +146,19 @@ void QXJob::finishProcessing(const QXErrorRef& runError, const std::shared_ptr<Q
     } else if (muxer && muxer->status == QXMuxerStatusFailed) {
         fail(muxer->error);
     }
+    // The read loops are done before the file gets its final name or goes.
+    releaseOutputs(tracks);
+    if (status < QXJobStatusFailed) renamePartialOutput();
     // Fast start and the media library come after this, once they exist.
 
+    // A failed or cancelled run removes its partial file outright: no file
+    // of that name was ever the user's, so there is nothing to keep in the
+    // trash, and whatever sat under the final name is untouched.
     const int64_t ended = status;
-    if (!destination.empty() && (ended == QXJobStatusFailed || ended == QXJobStatusCancelled)) {
-        QXURL trashed;
-        QXErrorRef trashError;
-        if (!trashItemAtURL(destination, &trashed, &trashError)) {
-            QXLogWarning("Failed to delete %s: %s", destination.c_str(), describe(trashError).c_str());
-        }
-        if (!trashed.empty()) destination = trashed;
+    std::error_code removal;
+    if (!partialDestination.empty() && (ended == QXJobStatusFailed || ended == QXJobStatusCancelled) &&
+        !std::filesystem::remove(partialDestination, removal) && removal) {
+        QXLogWarning("Failed to delete %s: %s", partialDestination.c_str(), removal.message().c_str());
     }
 
     if (status < QXJobStatusFailed && moveToTrash) {
@@ -162,8 +175,17 @@ void QXJob::finishProcessing(const QXErrorRef& runError, const std::shared_ptr<Q
         }
     }
 
-    releaseOutputs(tracks);
     endRun();
+}
+
+void QXJob::renamePartialOutput()
+{
+    std::error_code failure;
+    std::filesystem::rename(partialDestination, destination, failure);
+    if (!failure) return;
+    fail(QXMedia::errorWithDomain(NSCocoaErrorDomain, kWriteUnknownErrorCode,
+                                  {{NSFilePathErrorKey, QXValue(destination.string())},
+                                   {NSLocalizedDescriptionKey, QXValue(failure.message())}}));
 }
 
 bool QXJob::startMuxing(const std::shared_ptr<QXMuxer>& muxer, const std::shared_ptr<QXSync>& sync,

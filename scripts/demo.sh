@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Set-up, build, then the most the library does today on a generated sample:
-# what the source holds, a read of the whole source through the pipeline, and
-# a copy of its tracks into an M4V, which ffprobe then describes.
+# what the source holds, a read of the whole source through the pipeline, a
+# copy of its tracks into an M4V, and a conversion with an encode preset;
+# ffprobe describes each output.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/build.sh >/dev/null
@@ -22,6 +23,10 @@ if [ ! -s "$sample" ]; then
     "$sample"
 fi
 qx=build/tools/qxconvert
+describe() {
+  ffprobe -v error -show_entries stream=index,codec_name,codec_type,width,height,duration:format_tags=title \
+    -of compact=p=0 "$1"
+}
 "$qx" version | head -n 1
 echo
 "$qx" info "$sample"
@@ -29,4 +34,13 @@ echo
 "$qx" read "$sample"
 echo
 "$qx" remux "$sample" -o sample/sample.m4v
-ffprobe -v error -show_entries stream=index,codec_name,codec_type,duration:format_tags=title -of compact=p=0 sample/sample.m4v
+describe sample/sample.m4v
+echo
+plan=$("$qx" convert "$sample" -o sample/sample-720p.m4v --preset 720p --plan)
+echo "$plan"
+if grep -q "left out" <<<"$plan"; then
+  echo "warning: this build cannot write every line of the 720p plan yet; that conversion is skipped" >&2
+else
+  "$qx" convert "$sample" -o sample/sample-720p.m4v --preset 720p
+  describe sample/sample-720p.m4v
+fi

@@ -114,6 +114,16 @@ QXMovie::~QXMovie()
     releaseReaders();
 }
 
+void QXMovie::endRun()
+{
+    qx::dispatch_group_wait(readLoopGroup, qx::DISPATCH_TIME_FOREVER);
+    for (const QXTrackRef& track : tracks) {
+        qx::dispatch_sync(track->outQueue, [] {});
+        track->outputs.clear();
+    }
+    releaseReaders();
+}
+
 std::shared_ptr<QXMovie> QXMovie::initWithURL(const QXURL& url, QXErrorRef* error)
 {
     return initWithURLs({url}, error);

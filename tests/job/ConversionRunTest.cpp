@@ -81,8 +81,8 @@ protected:
     void SetUp() override
     {
         dir = qxtest::makeTempDir("job-run");
-        // Failed outputs go to a trash of their own beside the test's files.
-        ::setenv("XDG_DATA_HOME", (dir / "data").c_str(), 1);
+        // Sources a run is asked to trash go to a trash of the test's own.
+        ::setenv("XDG_DATA_HOME", qxtest::makeTempDir("job-run-data").c_str(), 1);
     }
     std::filesystem::path dir;
 };
@@ -179,58 +179,102 @@ TEST_F(ConversionRun, LinesWithoutAnInputAreLeftOutAndTheRestIsWritten)
     EXPECT_EQ(after.count("h264"), 1u);
 }
 
-TEST_F(ConversionRun, CancelFromAnotherThreadEndsCancelledAndRemovesTheOutput)
+// Pause and cancel come from threads other than the one that started the run.
+TEST_F(ConversionRun, CancelOfAPausedRunFromAnotherThreadLeavesNoFileBehind)
 {
     const auto input = source("run-long.mkv", 30);
     auto job = copyJob(input, dir / "cancelled.m4v");
     ASSERT_TRUE(job);
-    job->start();
+    std::thread([&] { job->start(); }).join();
     // Paused, the run cannot end before the cancel reaches it.
-    job->togglePause();
-    std::thread([job] { job->cancel(); }).join();
+    std::thread([&] { job->togglePause(); }).join();
+    const auto reading = job->progressMovie();
+    ASSERT_TRUE(reading && reading->isPaused);
+    EXPECT_EQ(job->status, QXJobStatusProcessing) << "a paused job is still processing";
+    EXPECT_LT(job->startTime, 60.0) << "while paused the start time holds the time elapsed";
+    // Meanwhile the output grows under a hidden name beside the final one.
+    EXPECT_FALSE(std::filesystem::exists(dir / "cancelled.m4v"));
+    EXPECT_EQ(job->partialDestination.parent_path(), dir);
+    EXPECT_TRUE(std::filesystem::exists(job->partialDestination)) << job->partialDestination;
+    EXPECT_EQ(job->partialDestination.extension(), ".m4v") << "the extension picks the brands";
 
+    std::thread([&] { job->cancel(); }).join();
+    EXPECT_FALSE(reading->isPaused) << "the cancel releases the pause";
     EXPECT_FALSE(job->waitUntilFinished());
     EXPECT_EQ(job->status, QXJobStatusCancelled);
+    EXPECT_EQ(reading->status, QXMovieStatusCancelled);
     ASSERT_TRUE(job->error());
     EXPECT_EQ(job->error()->code(), 3072);
-    EXPECT_FALSE(std::filesystem::exists(dir / "cancelled.m4v"));
-    // The output went to the trash, and the job names it there.
-    EXPECT_NE(job->destination, dir / "cancelled.m4v");
-    EXPECT_TRUE(std::filesystem::exists(job->destination)) << job->destination;
+    EXPECT_FALSE(std::filesystem::exists(job->partialDestination));
+    EXPECT_EQ(job->destination, dir / "cancelled.m4v");
+    EXPECT_TRUE(std::filesystem::is_empty(dir)) << "nothing is left in the folder, nothing goes to the trash";
+
+    // After the end pause and cancel are harmless.
+    const double startTime = job->startTime;
+    job->togglePause();
+    job->cancel();
+    EXPECT_EQ(job->startTime, startTime);
+    EXPECT_EQ(job->status, QXJobStatusCancelled);
 }
 
-TEST_F(ConversionRun, AnOutputThatCannotBeWrittenFailsWithTheMuxersError)
+TEST_F(ConversionRun, AnOutputThatIsTheSourceIsRefusedBeforeAnythingIsWritten)
 {
-    const auto input = source("run-copy.mkv", 3);
+    const auto original = source("run-copy.mkv", 3);
+    const auto input = dir / "source.mkv";
+    std::filesystem::copy_file(original, input);
+    std::filesystem::create_symlink(input, dir / "link.mkv");
+    const auto size = std::filesystem::file_size(input);
+    const auto written = std::filesystem::last_write_time(input);
+    // The source through its own name, a relative spelling and a link.
+    for (const std::filesystem::path& output : {input, dir / "." / "source.mkv", dir / "link.mkv"}) {
+        auto job = copyJob(input, output);
+        ASSERT_TRUE(job);
+        QXErrorRef error;
+        EXPECT_FALSE(job->start(&error)) << output;
+        EXPECT_FALSE(job->waitUntilFinished());
+        EXPECT_EQ(job->status, QXJobStatusFailed);
+        ASSERT_TRUE(error) << output;
+        EXPECT_EQ(job->error(), error);
+    }
+    EXPECT_EQ(std::filesystem::file_size(input), size);
+    EXPECT_EQ(std::filesystem::last_write_time(input), written);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir), {}), 2) << "no partial file was made";
+}
+
+// A run that cannot write or cannot read fails with the error start()
+// gave, leaves the sources alone even when asked to trash them, and leaves
+// nothing under either name.
+TEST_F(ConversionRun, FailuresToWriteOrReadEndTheRunWithTheirError)
+{
+    const auto original = source("run-copy.mkv", 3);
     qxtest::writeFile(dir / "plain-file", "x");
-    auto job = copyJob(input, dir / "plain-file" / "out.m4v");
-    ASSERT_TRUE(job);
-    job->moveToTrash = true;
-    QXErrorRef startError;
-    EXPECT_TRUE(job->start(&startError));
-    EXPECT_FALSE(job->waitUntilFinished());
-    EXPECT_EQ(job->status, QXJobStatusFailed);
-    ASSERT_TRUE(job->error());
-    EXPECT_EQ(job->error(), startError);
-    EXPECT_NE(job->error()->code(), 3072);
-    // The sources are left alone after a failure even when asked to go.
-    EXPECT_TRUE(std::filesystem::exists(input));
-}
-
-TEST_F(ConversionRun, AReaderThatCannotStartFailsTheRunWithItsError)
-{
-    const auto input = source("run-copy.mkv", 3);
-    const auto doomed = dir / "doomed.mkv";
-    std::filesystem::copy_file(input, doomed);
-    auto job = copyJob(doomed, dir / "never.m4v");
-    ASSERT_TRUE(job);
-    std::filesystem::remove(doomed);
-
-    QXErrorRef startError;
-    EXPECT_TRUE(job->start(&startError));
-    EXPECT_FALSE(job->waitUntilFinished());
-    EXPECT_EQ(job->status, QXJobStatusFailed);
-    ASSERT_TRUE(startError);
-    EXPECT_EQ(job->error(), startError);
-    EXPECT_FALSE(std::filesystem::exists(dir / "never.m4v"));
+    std::filesystem::create_directories(dir / "folder.m4v");
+    struct Case {
+        const char* what;
+        std::filesystem::path output;
+        bool removeSource;
+    };
+    for (const Case& test : {Case {"under a plain file", dir / "plain-file" / "out.m4v", false},
+                             Case {"over a folder", dir / "folder.m4v", false},
+                             Case {"source gone", dir / "never.m4v", true}}) {
+        SCOPED_TRACE(test.what);
+        const auto input = dir / "doomed.mkv";
+        std::filesystem::copy_file(original, input, std::filesystem::copy_options::overwrite_existing);
+        auto job = copyJob(input, test.output);
+        ASSERT_TRUE(job);
+        job->moveToTrash = true;
+        if (test.removeSource) std::filesystem::remove(input);
+        QXErrorRef startError;
+        job->start(&startError);
+        EXPECT_FALSE(job->waitUntilFinished());
+        EXPECT_EQ(job->status, QXJobStatusFailed);
+        ASSERT_TRUE(job->error());
+        EXPECT_NE(job->error()->code(), 3072);
+        if (startError) {
+            EXPECT_EQ(job->error(), startError);
+        }
+        EXPECT_EQ(std::filesystem::exists(input), !test.removeSource);
+        EXPECT_FALSE(std::filesystem::exists(job->partialDestination));
+        EXPECT_FALSE(std::filesystem::is_regular_file(test.output));
+    }
 }

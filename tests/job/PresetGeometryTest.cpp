@@ -53,61 +53,58 @@ void expectPicture(const char* what, const Picture& got, const Picture& want)
 
 } // namespace
 
-// Presets that keep the sample aspect: the box's width limits the picture,
-// the storage aspect stays, sizes are even.
-TEST(PresetPicture, KeepingTheSampleAspect)
+// What each kind of preset makes of a source picture: presets that keep
+// the sample aspect are limited by the box's width only, keep the shape on
+// display and give even sizes; the iPod preset scales with square pixels
+// from the display size.
+TEST(PresetPicture, SizesAndAspectsForEachKindOfSource)
 {
-    auto p720 = QXPreset::initWithIdentifier(QXPresetApple720p);
-    auto p480 = QXPreset::initWithIdentifier(QXPresetApple480p);
-    auto p1080 = QXPreset::initWithIdentifier(QXPresetApple1080p);
-
-    expectPicture("downscaled HD", pictureFor(*p720, *videoTrack(1920, 1080)), {1280, 720, 1, 1, 1280, 720});
-    expectPicture("smaller than the box: not enlarged", pictureFor(*p1080, *videoTrack(640, 360)),
-                  {640, 360, 1, 1, 640, 360});
-    // Rounding both axes changes the shape a little; the sample aspect
-    // (321 * 240) / (241 * 320) = 963:964 puts it back on display.
-    expectPicture("odd and smaller", pictureFor(*p1080, *videoTrack(321, 241)),
-                  {320, 240, 963, 964, 320 * 963 / 964.0f, 240});
-    expectPicture("portrait: taller than the box, limited by width only", pictureFor(*p720, *videoTrack(1080, 1920)),
-                  {1080, 1920, 1, 1, 1080, 1920});
-    // 640 / 0.5625 is 1137.8, cut and made even.
-    expectPicture("portrait scaled", pictureFor(*p480, *videoTrack(1080, 1920)),
-                  {640, 1136, 639, 640, 640 * 639 / 640.0f, 1136});
-    expectPicture("box without a height",
-                  pictureFor(*QXPreset::initWithIdentifier(QXPresetHLS2), *videoTrack(3840, 2160)),
-                  {1920, 1080, 1, 1, 1920, 1080});
+    struct Row {
+        const char* what;
+        const char* preset;
+        uint64_t width, height;
+        uint32_t hSpacing, vSpacing;
+        Picture want;
+    };
+    const Row rows[] = {
+        {"downscaled HD", QXPresetApple720p, 1920, 1080, 1, 1, {1280, 720, 1, 1, 1280, 720}},
+        {"smaller than the box: not enlarged", QXPresetApple1080p, 640, 360, 1, 1, {640, 360, 1, 1, 640, 360}},
+        // Rounding both axes changes the shape a little; the sample aspect
+        // (321 * 240) / (241 * 320) = 963:964 puts it back on display.
+        {"odd and smaller", QXPresetApple1080p, 321, 241, 1, 1, {320, 240, 963, 964, 320 * 963 / 964.0f, 240}},
+        {"portrait, limited by width only", QXPresetApple720p, 1080, 1920, 1, 1, {1080, 1920, 1, 1, 1080, 1920}},
+        // 640 / 0.5625 is 1137.8, cut and made even.
+        {"portrait scaled", QXPresetApple480p, 1080, 1920, 1, 1, {640, 1136, 639, 640, 640 * 639 / 640.0f, 1136}},
+        {"box without a height", QXPresetHLS2, 3840, 2160, 1, 1, {1920, 1080, 1, 1, 1920, 1080}},
+        {"PAL 16:9: the height shrinks on display", QXPresetApple1080p, 720, 576, 64, 45, {720, 576, 64, 45, 720, 405}},
+        {"PAL 16:9 into a smaller box", QXPresetApple480p, 720, 576, 64, 45, {640, 512, 64, 45, 640, 360}},
+        {"NTSC 4:3: the width shrinks on display", QXPresetApple1080p, 720, 480, 8, 9, {720, 480, 8, 9, 640, 480}},
+        {"HDV 4:3 pixels into a 1280 box", QXPresetApple720p, 1440, 1080, 4, 3, {1280, 960, 4, 3, 1280, 720}},
+        {"iPod 16:9", QXPresetiPod, 1920, 1080, 1, 1, {320, 180, 1, 1, 320, 180}},
+        {"iPod anamorphic PAL: 1024x576 on display", QXPresetiPod, 720, 576, 64, 45, {320, 180, 1, 1, 320, 180}},
+        {"iPod 4:3", QXPresetiPod, 640, 480, 1, 1, {320, 240, 1, 1, 320, 240}},
+        {"iPod odd height: 179.84 cut and made even", QXPresetiPod, 1000, 562, 1, 1, {320, 178, 1, 1, 320, 178}},
+        {"iPod portrait exceeds the box's height", QXPresetiPod, 1080, 1920, 1, 1, {320, 568, 1, 1, 320, 568}},
+    };
+    for (const Row& row : rows) {
+        expectPicture(row.what,
+                      pictureFor(*QXPreset::initWithIdentifier(row.preset),
+                                 *videoTrack(row.width, row.height, row.hSpacing, row.vSpacing)),
+                      row.want);
+    }
 
     // 998 / 1.998 is 499.49, cut to 499, made even. The exact aspect
     // 248751:249500 needs more than 16 bits and comes back approximated.
-    const Picture odd = pictureFor(*p720, *videoTrack(999, 500));
+    const Picture odd = pictureFor(*QXPreset::initWithIdentifier(QXPresetApple720p), *videoTrack(999, 500));
     EXPECT_EQ(odd.width, 998u);
     EXPECT_EQ(odd.height, 498u);
     EXPECT_LE(odd.sarHeight, 0x10000u);
     EXPECT_NEAR(double(odd.sarWidth) / odd.sarHeight, 248751.0 / 249500.0, 1e-7);
     EXPECT_NEAR(odd.displayWidth, 998 * 248751.0 / 249500.0, 1e-3);
-    EXPECT_EQ(odd.displayHeight, 498.0f);
-}
 
-TEST(PresetPicture, AnamorphicSourcesKeepTheirShapeOnDisplay)
-{
-    auto p1080 = QXPreset::initWithIdentifier(QXPresetApple1080p);
-    auto p480 = QXPreset::initWithIdentifier(QXPresetApple480p);
-
-    expectPicture("PAL 16:9, wide pixels: the height shrinks on display",
-                  pictureFor(*p1080, *videoTrack(720, 576, 64, 45)), {720, 576, 64, 45, 720, 405});
-    expectPicture("PAL 16:9 scaled into a smaller box",
-                  pictureFor(*p480, *videoTrack(720, 576, 64, 45)), {640, 512, 64, 45, 640, 360});
-    expectPicture("NTSC 4:3, narrow pixels: the width shrinks on display",
-                  pictureFor(*p1080, *videoTrack(720, 480, 8, 9)), {720, 480, 8, 9, 640, 480});
-    expectPicture("1440x1080 HDV with 4:3 pixels into a 1280 box",
-                  pictureFor(*QXPreset::initWithIdentifier(QXPresetApple720p), *videoTrack(1440, 1080, 4, 3)),
-                  {1280, 960, 4, 3, 1280, 720});
-
-    uint32_t s = 0, t = 0;
-    p1080->sarWidth(&s, &t, *videoTrack(720, 576, 16, 15));
-    EXPECT_EQ(s, 16u);
-    EXPECT_EQ(t, 15u);
-    p1080->sarWidth(nullptr, &t, *videoTrack(720, 576, 16, 15)); // either target may be left out
+    uint32_t t = 0;
+    QXPreset::initWithIdentifier(QXPresetApple1080p)->sarWidth(nullptr, &t, *videoTrack(720, 576, 16, 15));
+    EXPECT_EQ(t, 15u) << "either target may be left out";
 }
 
 TEST(PresetPicture, ModulusRounding)
@@ -129,21 +126,6 @@ TEST(PresetPicture, ModulusRounding)
         EXPECT_EQ(preset->videoWidthForTrack(*videoTrack(999, 500)), 999u) << modulus;
         EXPECT_EQ(preset->videoHeightForTrack(*videoTrack(999, 500)), 500u) << modulus;
     }
-}
-
-// The iPod preset scales to its box with square pixels, driven by the
-// display size; only the width of the box holds when the shapes differ.
-TEST(PresetPicture, SquarePixelsFromTheDisplaySize)
-{
-    auto ipod = QXPreset::initWithIdentifier(QXPresetiPod);
-    expectPicture("16:9 display", pictureFor(*ipod, *videoTrack(1920, 1080)), {320, 180, 1, 1, 320, 180});
-    expectPicture("anamorphic PAL: 1024x576 on display",
-                  pictureFor(*ipod, *videoTrack(720, 576, 64, 45)), {320, 180, 1, 1, 320, 180});
-    expectPicture("4:3", pictureFor(*ipod, *videoTrack(640, 480)), {320, 240, 1, 1, 320, 240});
-    expectPicture("odd height: 179.84 cut and made even",
-                  pictureFor(*ipod, *videoTrack(1000, 562)), {320, 178, 1, 1, 320, 178});
-    expectPicture("portrait exceeds the box's height",
-                  pictureFor(*ipod, *videoTrack(1080, 1920)), {320, 568, 1, 1, 320, 568});
 }
 
 // Missing dimensions give zero sizes, never a crash or an undefined cast.
@@ -173,27 +155,34 @@ TEST(PresetPicture, ZeroSizes)
     }
 }
 
+// Video is copied only by the update and pass-through presets, and only
+// muxable H.264 or HEVC that fits the 4K box and has steady time stamps.
 TEST(PresetPassthrough, OnlyFittingMuxableH264OrHEVC)
 {
+    struct Row {
+        const char* what;
+        int32_t codec;
+        uint64_t width, height;
+        int profile, formatFlags;
+        bool copied;
+    };
+    const Row rows[] = {
+        {"HD H.264", AV_CODEC_ID_H264, 1920, 1080, 100, 0, true},
+        {"HEVC exactly the box", AV_CODEC_ID_HEVC, 3840, 2160, 1, 0, true},
+        {"HEVC wider than the box", AV_CODEC_ID_HEVC, 4096, 2160, 1, 0, false},
+        {"portrait 4K is taller than the box", AV_CODEC_ID_HEVC, 2160, 3840, 1, 0, false},
+        {"High 10 is not muxable", AV_CODEC_ID_H264, 1280, 720, 110, 0, false},
+        {"transport stream times", AV_CODEC_ID_H264, 1280, 720, 100, AVFMT_TS_DISCONT, false},
+    };
     auto passthrough = QXPreset::initWithIdentifier(QXPresetPassthrough);
+    for (const Row& row : rows) {
+        auto track = videoTrack(row.width, row.height);
+        track->codec_id = row.codec;
+        track->profile = row.profile;
+        track->formatFlags = row.formatFlags;
+        EXPECT_EQ(passthrough->allowPassthroughForVideoTrack(*track), row.copied) << row.what;
+    }
     auto hd = videoTrack(1920, 1080);
-    EXPECT_TRUE(passthrough->allowPassthroughForVideoTrack(*hd));
     EXPECT_FALSE(QXPreset::initWithIdentifier(QXPresetApple1080p)->allowPassthroughForVideoTrack(*hd));
     EXPECT_TRUE(QXPreset::initWithIdentifier(QXPresetUpdate)->allowPassthroughForVideoTrack(*hd));
-
-    auto hevc = videoTrack(3840, 2160);
-    hevc->codec_id = AV_CODEC_ID_HEVC;
-    EXPECT_TRUE(passthrough->allowPassthroughForVideoTrack(*hevc)); // exactly the box
-    hevc->width = 4096;
-    EXPECT_FALSE(passthrough->allowPassthroughForVideoTrack(*hevc));
-    hevc->width = 2160;
-    hevc->height = 3840; // portrait 4K is taller than the box
-    EXPECT_FALSE(passthrough->allowPassthroughForVideoTrack(*hevc));
-
-    auto high10 = videoTrack(1280, 720);
-    high10->profile = 110; // not muxable
-    EXPECT_FALSE(passthrough->allowPassthroughForVideoTrack(*high10));
-    auto transportStream = videoTrack(1280, 720);
-    transportStream->formatFlags = AVFMT_TS_DISCONT;
-    EXPECT_FALSE(passthrough->allowPassthroughForVideoTrack(*transportStream));
 }

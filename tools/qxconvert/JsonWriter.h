@@ -12,6 +12,10 @@
 
 class JsonWriter {
 public:
+    // Compact output is one line (for one object per line); the default is
+    // indented for people.
+    explicit JsonWriter(bool compact = false) : compact_(compact) {}
+
     void beginObject() { open('{'); }
     void endObject() { close('}'); }
     void beginArray() { open('['); }
@@ -21,7 +25,7 @@ public:
     {
         separate();
         quote(name);
-        text_ += ": ";
+        text_ += compact_ ? ":" : ": ";
         afterKey_ = true;
         return *this;
     }
@@ -84,7 +88,7 @@ private:
         if (!first_.empty()) {
             if (!first_.back()) text_ += ',';
             first_.back() = false;
-            text_ += '\n' + std::string(first_.size() * 2, ' ');
+            if (!compact_) text_ += '\n' + std::string(first_.size() * 2, ' ');
         }
     }
     void open(char bracket)
@@ -97,11 +101,12 @@ private:
     {
         const bool empty = first_.back();
         first_.pop_back();
-        if (!empty) text_ += '\n' + std::string(first_.size() * 2, ' ');
+        if (!empty && !compact_) text_ += '\n' + std::string(first_.size() * 2, ' ');
         text_ += bracket;
     }
 
     std::string text_;
     std::vector<bool> first_;
     bool afterKey_ = false;
+    bool compact_;
 };

@@ -8,8 +8,11 @@
 #include <unistd.h>
 
 #include "Commands.h"
+#include "Interrupts.h"
 #include "JsonWriter.h"
+#include "Report.h"
 #include "qxmedia/muxer/QXMuxerInputProtocol.h"
+#include "qxmedia/platform/dispatch/dispatch.h"
 #include "qxmedia/reader/QXSampleBufferChannel.h"
 #include "qxmedia/reader/QXTrackReaderOutput.h"
 #include "qxmedia/source/QXMovie.h"
@@ -85,9 +88,22 @@ int runRead(const Arguments& arguments)
     }
 
     const bool showProgress = ::isatty(STDERR_FILENO) && !asJson;
-    bool started = false;
-    auto done = [&](dispatch_time_t timeout) { return dispatch_group_wait(group, timeout) == 0; };
-    const bool cancelled = readAndWait(*movie, done, showProgress, &started);
+    const bool started = movie->startReading();
+    // Registered once the loop reads: a cancel before would be lost.
+    interrupts::onInterrupt([movie] {
+        if (movie->isPaused) movie->togglePause();
+        movie->cancelReading();
+    });
+    while (dispatch_group_wait(group, dispatch_time(DISPATCH_TIME_NOW, 100 * 1000 * 1000)) != 0) {
+        if (showProgress && movie->progress) {
+            std::fprintf(stderr, "\r%5.1f%%", movie->progress->fractionCompleted() * 100);
+            std::fflush(stderr);
+        }
+    }
+    if (showProgress) std::fprintf(stderr, "\n");
+    // Every channel ended; the read loop may still be leaving.
+    movie->endRun();
+    const bool cancelled = interrupts::received() != 0;
 
     if (asJson) {
         JsonWriter json;
@@ -120,7 +136,10 @@ int runRead(const Arguments& arguments)
                         CMTimeCopyDescription(line.sink->lastPTS).c_str());
         }
     }
-    endRun(*movie);
-    if (!started || movie->status == QXMovieStatusFailed) return 1;
-    return cancelled ? 130 : 0;
+    if (cancelled) return interrupts::exitStatus();
+    if (!started || movie->status == QXMovieStatusFailed) {
+        report::failure("cannot read", parsed->urls.front(), movie->error());
+        return 1;
+    }
+    return 0;
 }

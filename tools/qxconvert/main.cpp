@@ -1,12 +1,5 @@
-// qxconvert: a thin host program over libqxmedia.
-//
-//   qxconvert version            the library's version and its FFmpeg
-//   qxconvert encoders           the H.264/HEVC encoders and the hardware check
-//   qxconvert info FILE... [--json]   what a source holds
-//   qxconvert read FILE... [--json]   reads a source through the pipeline
-//   qxconvert remux FILE... -o OUT    copies what an MP4 can hold into one
-//
-// Log lines at warning and above go to stderr (all of them with -v).
+// qxconvert: a thin host program over libqxmedia. `qxconvert --help` lists
+// the commands and the exit statuses.
 
 #include <cstdio>
 #include <cstring>
@@ -15,30 +8,12 @@
 #include <string>
 #include <vector>
 
+#include "Commands.h"
+#include "Interrupts.h"
+#include "Report.h"
 #include "qxmedia/core/QXEncoderList.h"
 #include "qxmedia/core/QXMedia.h"
 #include "qxmedia/core/QXVersion.h"
-#include "Commands.h"
-
-namespace {
-
-int gVerbosity = QXLogFlagWarning;
-
-} // namespace
-
-void installLogger(bool verbose)
-{
-    if (verbose) gVerbosity = QXLogFlagVerbose;
-    QXMedia::sharedMedia().setLogCallback([](bool, int32_t flag, int32_t, const char*, const char*, uint64_t,
-                                             const QXValue*, const char* format, va_list arguments) {
-        if (flag > gVerbosity) return;
-        static const char* names[] = {"", "error", "warning", "", "info", "", "", "", "debug"};
-        const char* name = flag < 9 ? names[flag] : "verbose";
-        char buffer[4096];
-        std::vsnprintf(buffer, sizeof buffer, format, arguments);
-        std::fprintf(stderr, "[%s] %s\n", name, buffer);
-    });
-}
 
 int runVersion(const Arguments&)
 {
@@ -66,37 +41,62 @@ struct Command {
 const std::map<std::string, Command>& commands()
 {
     static const std::map<std::string, Command> table = {
-        {"version", {"version", runVersion}},
-        {"encoders", {"encoders", runEncoders}},
-        {"info", {"info FILE... [--json]", runInfo}},
-        {"read", {"read FILE... [--json]", runRead}},
-        {"remux", {"remux FILE... -o OUT.m4v", runRemux}},
-        {"mkvwalk", {"mkvwalk FILE", runMkvWalk}},
+        {"version", {"version                       the library's version and its FFmpeg", runVersion}},
+        {"encoders", {"encoders                      the H.264/HEVC encoders and the hardware check", runEncoders}},
+        {"info", {"info FILE... [--json]         what a source holds", runInfo}},
+        {"read", {"read FILE... [--json]         reads a source through the pipeline, counting samples", runRead}},
+        {"presets", {"presets                       the presets convert accepts, with what each makes",
+                     runPresets}},
+        {"convert", {"convert FILE... -o OUT.m4v [--preset ID] [--subtitles FILE]... [--plan] [--progress json]\n"
+                     "                                converts a source (default preset: Passthrough)",
+                     runConvert}},
+        {"remux", {"remux FILE... -o OUT.m4v      convert with the Passthrough preset", runRemux}},
+        {"mkvwalk", {"mkvwalk FILE                  the Matroska diagnostic walk of a file", runMkvWalk}},
     };
     return table;
 }
 
-int usage()
+constexpr char kExitStatuses[] =
+    "options (anywhere): -v, --verbose   the library's log lines and whole error objects\n"
+    "exit status:\n"
+    "  0        done\n"
+    "  1        a file could not be opened, read or written (one line on stderr says which and why)\n"
+    "  2        wrong arguments, or an output that is one of the inputs (refused before anything is written)\n"
+    "  128+N    cancelled by signal N (130 Ctrl-C, 143 SIGTERM, 129 SIGHUP); no output is left behind;\n"
+    "           a signal the tool was started with ignored (nohup) stays ignored\n"
+    "Outputs are written under a hidden name beside OUT and get their name when complete.\n";
+
+int usage(FILE* to, int status)
 {
-    std::fprintf(stderr, "usage: qxconvert [-v] COMMAND [ARGS]\ncommands:\n");
-    for (const auto& [name, command] : commands()) std::fprintf(stderr, "  qxconvert %s\n", command.usage);
-    return 2;
+    std::fprintf(to, "usage: qxconvert [-v] COMMAND [ARGS]\ncommands:\n");
+    for (const auto& [name, command] : commands()) std::fprintf(to, "  qxconvert %s\n", command.usage);
+    std::fputs(kExitStatuses, to);
+    return status;
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    std::vector<std::string> arguments(argv + 1, argv + argc);
-    bool verbose = false;
-    if (!arguments.empty() && arguments.front() == "-v") {
-        verbose = true;
-        arguments.erase(arguments.begin());
+    // First, before any thread or file exists.
+    interrupts::block();
+
+    std::vector<std::string> arguments;
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "-v") == 0 || std::strcmp(argv[i], "--verbose") == 0) {
+            report::setVerbose(true);
+        } else {
+            arguments.emplace_back(argv[i]);
+        }
     }
-    if (arguments.empty()) return usage();
+    if (!arguments.empty() && (arguments.front() == "--help" || arguments.front() == "-h" ||
+                               arguments.front() == "help")) {
+        return usage(stdout, 0);
+    }
+    if (arguments.empty()) return usage(stderr, 2);
     auto it = commands().find(arguments.front());
-    if (it == commands().end()) return usage();
-    installLogger(verbose);
+    if (it == commands().end()) return usage(stderr, 2);
+    report::installLogger();
     arguments.erase(arguments.begin());
     return it->second.run(arguments);
 }

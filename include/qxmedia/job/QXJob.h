@@ -58,6 +58,11 @@ constexpr double QXJobTimeLeftUnknown = 978307200.0;
 namespace qx {
 // Seconds of a monotonic clock, the time base of a job's startTime.
 double CACurrentMediaTime();
+// Whether two paths name one existing file (same device and inode).
+bool isSameFile(const QXURL& a, const QXURL& b);
+// A name that does not exist yet in the folder of `url`, hidden and with
+// the same extension (the extension picks the file's brands).
+QXURL partialURLFor(const QXURL& url);
 } // namespace qx
 
 class QXJob : public QXCoding, public std::enable_shared_from_this<QXJob> {
@@ -92,7 +97,12 @@ public:
     std::shared_ptr<QXMovie> movie;
     std::vector<std::shared_ptr<QXMovie>> attachedMovies; // kept alive for their attached tracks
     std::vector<QXTrackRef> attachedTracks;
+    // The output's final name. A conversion writes beside it under a hidden
+    // temporary name (partialDestination) and renames that to this name once
+    // the file is complete, so a crash, kill or failure never leaves a
+    // partial file under the name the user asked for.
     QXURL destination;
+    QXURL partialDestination; // set by a conversion run while it writes
     std::shared_ptr<QXMediaManagerTrack> track; // what the library made of the output
     std::shared_ptr<QXMetaData> metadata;
     std::shared_ptr<QXChapterTrack> chapters;
@@ -160,6 +170,11 @@ public:
 
     std::string description() const;
 
+    // The file of a source (the movie, attached movies or a line of the
+    // plan) that `destination` would overwrite, or an empty URL. Compares
+    // device and inode, so "./A", "A" and a link to A are one file.
+    QXURL sourceAtDestination() const;
+
 protected:
     // The steps of initWithMovie, ending with applyPreset.
     virtual void setUp(const std::shared_ptr<QXMovie>& movie, const std::shared_ptr<QXPreset>& preset);
@@ -187,6 +202,8 @@ private:
     // The end of a conversion: the job's outcome, removal of a failed output
     // and, after success, of the sources if asked; then endRun().
     void finishProcessing(const QXErrorRef& runError, const std::shared_ptr<QXMuxer>& muxer);
+    // Gives the complete output its final name; the job fails if it cannot.
+    void renamePartialOutput();
 
     mutable std::mutex lock_; // error_ and progressMovie_
     QXErrorRef error_;

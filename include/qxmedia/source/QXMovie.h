@@ -105,6 +105,11 @@ public:
     // Tracks and their readers hold each other during a run; a finished
     // run ends that on purpose.
     void releaseReaders();
+    // The one end of a run, for every caller: waits until the read loop is
+    // done with the tracks, lets the tracks' outputs go once their fan-out
+    // is idle, then the readers. A read loop blocked on a full output must
+    // be drained (or its outputs pulled to the end) before this is called.
+    void endRun();
 
 private:
     bool open(QXErrorRef* error);
