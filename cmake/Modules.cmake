@@ -65,5 +65,5 @@ function(qx_test name)
   add_executable(test_${name} ${sources})
   target_link_libraries(test_${name} PRIVATE ${T_DEPS} qx_testsupport GTest::gtest_main GTest::gmock)
   gtest_discover_tests(test_${name} DISCOVERY_TIMEOUT 60
-    PROPERTIES LABELS ${name} ENVIRONMENT "QX_TEST_TMP=${CMAKE_BINARY_DIR}/test-media")
+    PROPERTIES LABELS ${name} ENVIRONMENT "QX_TEST_TMP=${CMAKE_BINARY_DIR}/test-media;XDG_DATA_HOME=${CMAKE_BINARY_DIR}/test-media/data-home")
 endfunction()

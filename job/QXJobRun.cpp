@@ -151,14 +151,19 @@ void QXJob::finishProcessing(const QXErrorRef& runError, const std::shared_ptr<Q
     if (status < QXJobStatusFailed) renamePartialOutput();
     // Fast start and the media library come after this, once they exist.
 
-    // A failed or cancelled run removes its partial file outright: no file
-    // of that name was ever the user's, so there is nothing to keep in the
-    // trash, and whatever sat under the final name is untouched.
+    // A failed or cancelled run moves its partial file to the trash, where
+    // the user can still look at what was written; `destination` then names
+    // the trashed file. Whatever sat under the final name is untouched.
     const int64_t ended = status;
-    std::error_code removal;
     if (!partialDestination.empty() && (ended == QXJobStatusFailed || ended == QXJobStatusCancelled) &&
-        !std::filesystem::remove(partialDestination, removal) && removal) {
-        QXLogWarning("Failed to delete %s: %s", partialDestination.c_str(), removal.message().c_str());
+        std::filesystem::exists(partialDestination)) {
+        QXURL trashed;
+        QXErrorRef trashError;
+        if (!trashItemAtURL(partialDestination, &trashed, &trashError)) {
+            QXLogWarning("Failed to delete %s: %s", partialDestination.c_str(), describe(trashError).c_str());
+        } else if (!trashed.empty()) {
+            destination = trashed;
+        }
     }
 
     if (status < QXJobStatusFailed && moveToTrash) {

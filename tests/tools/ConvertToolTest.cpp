@@ -202,7 +202,7 @@ TEST_P(ConvertToolSignal, CancelsAndLeavesNoOutput)
     const fs::path source = longSource();
     ASSERT_FALSE(source.empty());
     const fs::path dir = qxtest::makeTempDir("tool-signal-" + std::to_string(signal));
-    const fs::path capture = dir.parent_path() / "signal-capture";
+    const fs::path capture = dir.parent_path() / ("signal-capture-" + std::to_string(signal));
     const pid_t pid = spawnTool({"convert", source.string(), "-o", "out.m4v"}, dir, capture);
     ASSERT_GT(pid, 0);
 
