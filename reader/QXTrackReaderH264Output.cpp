@@ -126,7 +126,7 @@ bool QXTrackReaderH264Output::isJitter(CMTime difference) const
 {
     const CMTime frame = averageDuration(difference);
     if (!CMTIME_IS_NUMERIC(frame) || CMTimeCompare(frame, kCMTimeZero) <= 0) return true;
-    return CMTimeCompare(CMTimeMultiply(CMTimeAbsoluteValue(difference), 2), frame) < 0;
+    return CMTimeCompare(CMTimeMultiply(CMTimeAbsoluteValue(difference), 2), frame) <= 0;
 }
 
 int QXTrackReaderH264Output::closestSlot(CMTime time, bool* exact) const

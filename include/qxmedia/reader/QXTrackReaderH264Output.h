@@ -50,7 +50,7 @@ private:
     // True when `time` lies after every decode time of the table.
     bool beyondNewest(qx::CMTime time) const;
     // True when a presentation time this far from a decode time is jitter:
-    // less than half a frame.
+    // half a frame at most.
     bool isJitter(qx::CMTime difference) const;
     // The table slot closest to `time`, or -1.
     int closestSlot(qx::CMTime time, bool* exact) const;
