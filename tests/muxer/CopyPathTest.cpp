@@ -6,7 +6,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <sstream>
 
 #include "MuxerSupport.h"
@@ -135,7 +137,47 @@ const CopiedSource kSources[] = {
     {"JoinedTransportStreams", joinedTransportStream, true},
 };
 
+void PrintTo(const CopiedSource& source, std::ostream* out) { *out << source.name; }
+
 class CopiedVideo : public ::testing::TestWithParam<CopiedSource> {};
+
+// ADTS whose last frame is cut in half, so that it does not decode, beside
+// a second of video.
+fs::path videoWithUndecodableLastAudioPacket()
+{
+    const fs::path adts = qxtest::generate("copy-tone.aac", std::string(kTone) + "-c:a aac -f adts");
+    const fs::path cut = qxtest::mediaDir() / "copy-cut.aac";
+    if (adts.empty()) return adts;
+    std::ifstream in(adts, std::ios::binary);
+    std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (bytes.size() < 7) return {};
+    const auto* header = reinterpret_cast<const uint8_t*>(bytes.data());
+    const size_t frame = size_t((header[3] & 3) << 11 | header[4] << 3 | header[5] >> 5);
+    std::ofstream(cut, std::ios::binary) << bytes << bytes.substr(frame, frame / 2);
+    return qxtest::generate("copy-cut.mkv", std::string(kVideo) + "-i '" + cut.string() + "' " + kH264 + "-c:a copy");
+}
+
+struct AudioCase {
+    const char* name;
+    std::function<fs::path()> make;
+    size_t droppedAtStart; // the encoder's priming packet, before the first picture
+};
+
+const AudioCase kAudioCases[] = {
+    {"PrimingPacketBeforeTheFirstPicture",
+     [] { return qxtest::generate("copy-bframes.mp4", std::string(kVideo) + kTone + kH264 + "-c:a aac"); }, 1},
+    {"LastPacketThatDoesNotDecode", videoWithUndecodableLastAudioPacket, 0},
+};
+
+std::vector<std::string> audioHashes(const fs::path& file)
+{
+    std::vector<std::string> hashes;
+    std::istringstream lines(ffprobe("-select_streams a:0 -show_data_hash md5 -show_entries packet=data_hash -of default=nw=1", file));
+    for (std::string line; std::getline(lines, line);) {
+        if (line.rfind("data_hash=", 0) == 0) hashes.push_back(line.substr(10));
+    }
+    return hashes;
+}
 
 } // namespace
 
@@ -165,6 +207,21 @@ TEST_P(CopiedVideo, KeepsEveryPictureInOrderWithRisingDecodeTimesAndDecodesClean
 
 INSTANTIATE_TEST_SUITE_P(Sources, CopiedVideo, ::testing::ValuesIn(kSources),
                          [](const auto& info) { return std::string(info.param.name); });
+
+TEST(CopiedAudio, LosesNoPacketButThePrimingOneAndStartsWithThePicture)
+{
+    for (const AudioCase& audioCase : kAudioCases) {
+        SCOPED_TRACE(audioCase.name);
+        const fs::path source = audioCase.make();
+        ASSERT_FALSE(source.empty());
+        const fs::path output = qxtest::makeTempDir("copy-audio") / "out.m4v";
+        ASSERT_TRUE(copyThroughPipeline(source, output));
+        auto before = audioHashes(source);
+        before.erase(before.begin(), before.begin() + long(audioCase.droppedAtStart));
+        EXPECT_EQ(audioHashes(output), before);
+        EXPECT_EQ(ffprobe("-select_streams a:0 -read_intervals %+#1 -show_entries packet=pts -of csv=p=0", output), "0");
+    }
+}
 
 TEST(CopiedReferences, NameTheOutputsOwnTrackIDs)
 {
