@@ -13,7 +13,9 @@
 
 #include "MuxerSupport.h"
 #include "qxmedia/mp4/MP4File.h"
+#include "qxmedia/mp4/MP4SampleEntries.h"
 #include "qxmedia/mp4/MP4Track.h"
+#include "qxmedia/platform/codecs/NALUnits.h"
 #include "qxmedia/reader/QXSampleBufferChannel.h"
 #include "qxmedia/reader/QXSync.h"
 #include "qxmedia/source/QXAudioTrack.h"
@@ -87,6 +89,20 @@ std::vector<Packet> videoPackets(const fs::path& file)
         }
     }
     return packets;
+}
+
+// Samples that are not a whole number of NAL units behind four-byte lengths.
+size_t malformedSamples(const mp4::MP4Track& track)
+{
+    size_t malformed = 0;
+    std::vector<uint8_t> data;
+    for (uint32_t i = 0; i < track.sampleCount(); ++i) {
+        std::vector<NALUnit> units;
+        if (!track.readSample(i, data) || !splitLengthPrefixed(data.data(), data.size(), 4, units) || units.empty()) {
+            ++malformed;
+        }
+    }
+    return malformed;
 }
 
 // The display rank of each packet, in decode order. A decode time that goes
@@ -203,6 +219,22 @@ TEST_P(CopiedVideo, KeepsEveryPictureInOrderWithRisingDecodeTimesAndDecodesClean
     std::string errors;
     qxtest::run("ffmpeg -v error -i '" + output.string() + "' -f null - 2>&1", &errors);
     EXPECT_EQ(errors, "");
+
+    // Whole NAL units behind four-byte lengths, and a record with complete
+    // arrays of the stream's parameter sets.
+    auto file = mp4::MP4File::read(output);
+    ASSERT_TRUE(file && file->track(1));
+    EXPECT_EQ(malformedSamples(*file->track(1)), 0u);
+    if (auto* avcC = file->track(1)->sampleEntryChild<mp4::AvcCBox>()) {
+        EXPECT_EQ(avcC->lengthSizeMinusOne, 3);
+        EXPECT_EQ(avcC->sps.size() + avcC->pps.size(), 2u);
+    } else {
+        std::vector<uint8_t> record;
+        file->getTrackBytesProperty(1, "mdia.minf.stbl.stsd.hvc1.hvcC.content", record);
+        const ParameterSets sets = readParameterSets(NALCodec::HEVC, record.data(), record.size());
+        EXPECT_EQ(sets.vps.size() + sets.sps.size() + sets.pps.size(), 3u);
+        EXPECT_EQ(ffprobe("-select_streams v:0 -show_entries stream=codec_tag_string -of csv=p=0", output), "hvc1");
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Sources, CopiedVideo, ::testing::ValuesIn(kSources),
