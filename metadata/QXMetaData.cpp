@@ -214,9 +214,45 @@ void QXMetaData::setValue(const QXValue& value, std::string_view key)
 {
     if (key == QXArtwork) {
         const QXImageRef* image = value.image();
-        setArtwork(image ? *image : nullptr);
+        setArtwork(image ? *image : nullptr); // tells the observers itself
         return;
     }
+    assignValue(value, key);
+    notifyChange(key);
+}
+
+QXMetaData::ObserverToken QXMetaData::addObserver(KeyObserver observer)
+{
+    std::lock_guard guard(observersLock_);
+    observers_.emplace_back(nextObserverToken_, std::move(observer));
+    return nextObserverToken_++;
+}
+
+void QXMetaData::removeObserver(ObserverToken token)
+{
+    std::lock_guard guard(observersLock_);
+    std::erase_if(observers_, [token](const auto& entry) { return entry.first == token; });
+}
+
+void QXMetaData::notifyChange(std::string_view key) const
+{
+    std::vector<KeyObserver> observers;
+    {
+        std::lock_guard guard(observersLock_);
+        if (observers_.empty()) return;
+        for (const auto& entry : observers_) observers.push_back(entry.second);
+    }
+    std::vector<std::string> keys {std::string(key)};
+    if (key == "artworks") keys.insert(keys.end(), {"artwork", "artworkData"});
+    if (key == "name" || key == "show" || key == "videoKind") keys.emplace_back("title");
+    // Called outside the lock, so an observer may read the record or stop observing.
+    for (const std::string& changed : keys) {
+        for (const KeyObserver& observer : observers) observer(changed);
+    }
+}
+
+void QXMetaData::assignValue(const QXValue& value, std::string_view key)
+{
     if (key == "contentRatingStringMP4" || key == "iTunMOVI") {
         if (const std::string* text = value.string()) {
             key == "iTunMOVI" ? setITunMOVI(*text) : setContentRatingStringMP4(*text);
@@ -229,7 +265,7 @@ void QXMetaData::setValue(const QXValue& value, std::string_view key)
         return;
     }
     if (value.isNull() && isScalar(row->field)) {
-        setNilValueForKey(key);
+        assignValue(QXValue(0), key); // a null scalar is 0
         return;
     }
     QXMetaData& self = *this;
@@ -319,7 +355,8 @@ void QXMetaData::setNilValueForKey(std::string_view key)
 {
     const KeyRow* row = rowForKey(key);
     if (!row || !isScalar(row->field)) return;
-    setValue(QXValue(0), key);
+    assignValue(QXValue(0), key);
+    notifyChange(key);
 }
 
 void QXMetaData::addEntriesFromDictionary(const QXDictionary& entries)

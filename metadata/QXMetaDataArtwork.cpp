@@ -24,6 +24,7 @@ void QXMetaData::setArtwork(QXImageRef image)
     std::erase_if(list, [&](const QXImageRef& item) { return !item || item == image; });
     list.insert(list.begin(), std::move(image));
     artworks.set(std::move(list));
+    notifyChange("artworks");
 }
 
 QXData QXMetaData::artworkData() const

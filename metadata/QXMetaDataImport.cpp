@@ -72,6 +72,7 @@ struct QXMetaDataImport {
             {"comment", text(&M::comment)},
             {"album", text(&M::album)},
             {"release_date", date(&M::releaseDate)},
+            {"date", date(&M::releaseDate)}, // what FFmpeg names the MP4 release date
             {"MOVIE/DATE_RELEASED", date(&M::releaseDate)},
             {"EPISODE/DATE_RELEASED", date(&M::releaseDate)},
             {"genre", text(&M::genre)},
@@ -93,6 +94,7 @@ struct QXMetaDataImport {
             {"track", pair(&M::trackNumber, &M::trackCount)},
             {"disc", pair(&M::discNumber, &M::discCount)},
             {"episode_number", number(&M::episodeNumber)},
+            {"episode_sort", number(&M::episodeNumber)}, // what FFmpeg names the MP4 episode number
             {"EPISODE/PART_NUMBER", number(&M::episodeNumber)},
             {"season_number", number(&M::seasonNumber)},
             {"SEASON/PART_NUMBER", number(&M::seasonNumber)},

@@ -12,6 +12,9 @@
 #include "qxmedia/core/QXMedia.h"
 #include "qxmedia/metadata/QXMetaData.h"
 #include "qxmedia/mp4/MP4File.h"
+#include "qxmedia/reader/QXTrackReaderOutput.h"
+#include "qxmedia/source/QXAudioTrack.h"
+#include "qxmedia/source/QXSubtitleTrack.h"
 
 using namespace qx;
 using qx::mp4::fourcc;
@@ -26,6 +29,40 @@ constexpr int64_t kDiskFullErrorCode = -11807;
 
 // The freedesktop.org attribute that file managers read tags from.
 constexpr char kTagsAttribute[] = "user.xdg.tags";
+
+// A destination copied from its source still names the source's tracks
+// (whose ids are the source's); each such reference is pointed at the
+// destination made from that track, or dropped when none is written.
+template <class T>
+void retarget(std::shared_ptr<T>& reference, const std::vector<std::shared_ptr<QXMuxerInput>>& inputs)
+{
+    if (!reference) return;
+    for (const auto& input : inputs) {
+        if (input->destination == reference) return;
+    }
+    for (const auto& input : inputs) {
+        const QXTrackRef source = input->source ? input->source->track : nullptr;
+        if (source == reference) {
+            reference = std::dynamic_pointer_cast<T>(input->destination);
+            return;
+        }
+    }
+    reference = nullptr;
+}
+
+void retargetAssociations(const std::vector<std::shared_ptr<QXMuxerInput>>& inputs)
+{
+    for (const auto& input : inputs) {
+        if (auto* audio = dynamic_cast<QXAudioTrack*>(input->destination.get())) {
+            retarget(audio->fallback_track, inputs);
+            retarget(audio->subtitle_track, inputs);
+        } else if (auto* text = dynamic_cast<QXSubtitleTrack*>(input->destination.get())) {
+            retarget(text->forced_track, inputs);
+        } else if (auto* bitmap = dynamic_cast<QXBitmapSubtitleTrack*>(input->destination.get())) {
+            retarget(bitmap->forced_track, inputs);
+        }
+    }
+}
 
 CMTime decodeTimeOrPresentationTime(const CMSampleBufferRef& sample)
 {
@@ -217,6 +254,7 @@ bool QXMuxer::startWritingWithCompletionHandler(std::function<void()> handler, Q
     for (const auto& input : inputs) {
         if (!input->initWritingToFileHandle(handle, serializationQueue, error)) return cleanupOnError();
     }
+    retargetAssociations(inputs);
     for (const auto& input : inputs) {
         if (!input->destination->writeTrackAssociationsToFile(*handle, error)) return cleanupOnError();
     }

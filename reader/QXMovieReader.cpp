@@ -107,18 +107,26 @@ void QXMovieReader::processSample(const CMSampleBufferRef& sample, const std::sh
 
     CMTime localPTS = pts;
     CMTime localDTS = dts;
+    bool offsetFromAudio = false;
+    const bool isMainVideo = videoTrack.lock().get() == video && video != nullptr;
+    if (hasOutputs && CMTIME_IS_VALID(pts) && scr_changes != demux_scr_changes && isMainVideo && saw_audio) {
+        // The video waits for audio to set the new offset, so that its
+        // pictures keep their own times and order; a source whose audio
+        // does not come back lets the video set it.
+        if (CMTIME_IS_VALID(dts) && heldVideo_.size() >= kHeldVideoSamples) {
+            continueTimeline(*track, firstHeldTime());
+            releaseHeldVideo();
+        } else {
+            heldVideo_.emplace_back(sample, track);
+            return;
+        }
+    }
     if (hasOutputs && CMTIME_IS_VALID(pts) && scr_changes != demux_scr_changes) {
         if (trackReader) trackReader->valid = 0;
         if (!saw_audio && isAudio) saw_audio = 1;
-        const bool isMainVideo = videoTrack.lock().get() == video && video != nullptr;
         if (isAudio || (isMainVideo && !saw_audio)) {
-            // Continue the timeline one sample after the track's last time.
-            if (trackReader) trackReader->valid = 1;
-            CMTime x = trackReader ? trackReader->last : kCMTimeZero;
-            if (CMTIME_IS_VALID(scr_offset)) x = CMTimeSubtract(x, scr_offset);
-            if (trackReader) x = CMTimeAdd(x, trackReader->filtered_average);
-            scr_offset = CMTimeSubtract(CMTimeMake(dts.value, dts.timescale), x);
-            scr_changes = demux_scr_changes;
+            continueTimeline(*track, dts);
+            offsetFromAudio = isAudio;
         } else {
             // Wait for audio to set the new offset; meanwhile the outputs
             // derive times from durations.
@@ -151,6 +159,42 @@ void QXMovieReader::processSample(const CMSampleBufferRef& sample, const std::sh
     }
 
     if (startsTimeline) drainStartupQueue(*track);
+    if (offsetFromAudio) releaseHeldVideo();
+}
+
+void QXMovieReader::continueTimeline(QXTrack& track, CMTime dts)
+{
+    // Continue the timeline one sample after the track's last time.
+    QXTrackReader* trackReader = track.reader.get();
+    if (trackReader) trackReader->valid = 1;
+    CMTime x = trackReader ? trackReader->last : kCMTimeZero;
+    if (CMTIME_IS_VALID(scr_offset)) x = CMTimeSubtract(x, scr_offset);
+    if (trackReader) x = CMTimeAdd(x, trackReader->filtered_average);
+    scr_offset = CMTimeSubtract(CMTimeMake(dts.value, dts.timescale), x);
+    scr_changes = demux_scr_changes;
+}
+
+CMTime QXMovieReader::firstHeldTime() const
+{
+    for (const auto& held : heldVideo_) {
+        const CMTime dts = CMSampleBufferGetDecodeTimeStamp(held.first);
+        if (CMTIME_IS_VALID(dts)) return dts;
+    }
+    return CMSampleBufferGetPresentationTimeStamp(heldVideo_.front().first);
+}
+
+void QXMovieReader::releaseHeldVideo()
+{
+    auto held = std::move(heldVideo_);
+    heldVideo_.clear();
+    for (const auto& [sample, track] : held) processSample(sample, track);
+}
+
+void QXMovieReader::finish()
+{
+    if (heldVideo_.empty()) return;
+    continueTimeline(*heldVideo_.front().second, firstHeldTime());
+    releaseHeldVideo();
 }
 
 void QXMovieReader::drainStartupQueue(QXTrack& track)

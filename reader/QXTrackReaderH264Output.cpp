@@ -113,6 +113,22 @@ CMTime QXTrackReaderH264Output::positiveTimestamp(int32_t n) const
     return kCMTimeInvalid;
 }
 
+bool QXTrackReaderH264Output::beyondNewest(CMTime time) const
+{
+    if (!CMTIME_IS_NUMERIC(time)) return false;
+    for (const CMTime& t : timestamps) {
+        if (CMTIME_IS_NUMERIC(t) && CMTimeCompare(t, time) >= 0) return false;
+    }
+    return true;
+}
+
+bool QXTrackReaderH264Output::isJitter(CMTime difference) const
+{
+    const CMTime frame = averageDuration(difference);
+    if (!CMTIME_IS_NUMERIC(frame) || CMTimeCompare(frame, kCMTimeZero) <= 0) return true;
+    return CMTimeCompare(CMTimeMultiply(CMTimeAbsoluteValue(difference), 2), frame) <= 0;
+}
+
 int QXTrackReaderH264Output::closestSlot(CMTime time, bool* exact) const
 {
     int best = -1;
@@ -157,10 +173,16 @@ void QXTrackReaderH264Output::emitNext()
     }
 
     // A presentation time is one of the stream's decode times; the one
-    // after it in the table tells how long the picture stays.
+    // after it in the table tells how long the picture stays. Only jitter
+    // is snapped away: at the end of a stream (or of a part before a jump)
+    // with B-frames the last pictures show after the newest decode time of
+    // their own part, and keep their own times, so that no two share one
+    // and the source's order stays.
     bool exact = false;
     const int slot = closestSlot(p, &exact);
-    if (slot >= 0 && !exact) p = timestamps[size_t(slot)];
+    if (slot >= 0 && !exact && !beyondNewest(p) && isJitter(CMTimeSubtract(timestamps[size_t(slot)], p))) {
+        p = timestamps[size_t(slot)];
+    }
     const CMTime next = slot >= 0 ? timestamps[size_t(slotOf(slot + 1, kTimestamps))] : kCMTimeInvalid;
     CMTime duration;
     if (CMTIME_IS_NUMERIC(next) && CMTIME_IS_NUMERIC(p) && CMTimeCompare(next, p) > 0) {

@@ -104,8 +104,7 @@ void QXTrackReaderRawAudioOutput::processSample(const CMSampleBufferRef& sample)
                 takeFormat(avctx_->bit_rate, ownLayout ? frameLayout : layoutMask(avctx_->ch_layout),
                            ownLayout ? frame->ch_layout.nb_channels : avctx_->ch_layout.nb_channels,
                            frame->format ? frame->format : avctx_->sample_fmt, rate);
-                // Frames that come after the end have no coded sample to go with.
-                if (sample) decoded.push_back({frame->nb_samples, rate, frame->best_effort_timestamp});
+                decoded.push_back({frame->nb_samples, rate, frame->best_effort_timestamp});
                 av_frame_unref(frame.get());
             }
             if (result == AVERROR_EOF) {
@@ -117,17 +116,33 @@ void QXTrackReaderRawAudioOutput::processSample(const CMSampleBufferRef& sample)
         }
     }
 
-    // Handing on may wait for the channel, so the decoder is free by now.
+    // The frames of a sample go with it; those of the end go with the last
+    // sample if the decoder held its frame back, and beyond that have no
+    // coded sample to go with. A last sample still unanswered at the end
+    // goes out with the length of the frame before, so no coded sample is
+    // lost. Handing on may wait for the channel, so the decoder is free by now.
+    const CMSampleBufferRef owner = sample ? sample : unanswered_;
+    unanswered_ = sample && decoded.empty() ? sample : nullptr;
     for (const Decoded& frame : decoded) {
-        const CMSampleTimingInfo timing {
-            CMTimeMake(frame.frames, frame.rate),
-            frame.pts == AV_NOPTS_VALUE ? kCMTimeInvalid : CMTimeMake(frame.pts, naturalTimeScale), kCMTimeInvalid};
-        CMSampleBufferRef copy;
-        if (CMSampleBufferCreateCopyWithNewTiming(nullptr, sample, 1, &timing, &copy) == 0) {
-            QXTrackReaderOutput::processSample(copy);
-        }
+        if (!owner) break;
+        lastFrameDuration_ = CMTimeMake(frame.frames, frame.rate);
+        handOn(owner, lastFrameDuration_,
+               frame.pts == AV_NOPTS_VALUE ? kCMTimeInvalid : CMTimeMake(frame.pts, naturalTimeScale));
+        if (!sample) break;
+    }
+    if (!sample && decoded.empty() && owner && CMTIME_IS_VALID(lastFrameDuration_)) {
+        handOn(owner, lastFrameDuration_, CMSampleBufferGetPresentationTimeStamp(owner));
     }
     if (ended) QXTrackReaderOutput::processSample(nullptr);
+}
+
+void QXTrackReaderRawAudioOutput::handOn(const CMSampleBufferRef& sample, CMTime duration, CMTime presentationTime)
+{
+    const CMSampleTimingInfo timing {duration, presentationTime, kCMTimeInvalid};
+    CMSampleBufferRef copy;
+    if (CMSampleBufferCreateCopyWithNewTiming(nullptr, sample, 1, &timing, &copy) == 0) {
+        QXTrackReaderOutput::processSample(copy);
+    }
 }
 
 CMSampleBufferRef QXTrackReaderRawAudioOutput::silentSample()

@@ -150,97 +150,12 @@ int qx_eac3_parse_addbsi(BitReader& reader, const AC3HeaderInfo& header, uint8_t
                          uint8_t* complexityIndex)
 {
     if (header.bitstream_id != 16) return 0;
-    const unsigned acmod = header.channel_mode;
-    const unsigned strmtyp = header.frame_type;
-    const unsigned numblks = header.num_blocks;
-    // A flag bit, and `bits` more when it is set.
-    auto optional = [&](unsigned bits) {
-        if (reader.readBit()) reader.skip(bits);
-    };
-
-    reader.seek(50);
-    optional(8); // compre, compr
-    if (acmod == 0) {
-        reader.skip(5); // dialnorm2
-        optional(8);    // compr2e, compr2
-    }
-    if (strmtyp == 1) optional(16); // chanmape, chanmap
-    if (reader.readBit()) {         // mixmdate
-        if (acmod >= 3) {
-            reader.skip(2); // dmixmod
-            if (acmod & 1) reader.skip(6);
-            if (acmod & 4) reader.skip(6);
-        }
-        if (header.lfe_on) optional(5); // lfemixlevcode
-        if (strmtyp == 0) {
-            optional(6); // pgmscl
-            if (acmod == 0) optional(6);
-            optional(6); // extpgmscl
-            const unsigned mixdef = reader.read(2);
-            if (mixdef == 1) {
-                reader.skip(5);
-            } else if (mixdef == 2) {
-                reader.skip(12);
-            } else if (mixdef == 3) {
-                const unsigned mixdeflen = reader.read(5);
-                if (reader.readBit()) { // mixdata2e
-                    reader.skip(5);
-                    for (int scale = 0; scale < 7; ++scale) optional(4);
-                    if (reader.readBit()) { // addche
-                        optional(4);
-                        optional(4);
-                    }
-                }
-                if (reader.readBit()) { // mixdata3e
-                    reader.skip(5);
-                    if (reader.readBit()) { // addspchdate
-                        reader.skip(7);
-                        optional(8); // addspchdat1e
-                    }
-                }
-                reader.skip(8 * mixdeflen + 16);
-                reader.alignToByte();
-            }
-            if (acmod < 2) {
-                optional(14); // paninfo
-                if (acmod == 0) optional(14);
-            }
-            if (reader.readBit()) { // frmmixcfginfoe
-                if (numblks == 1) {
-                    reader.skip(5);
-                } else {
-                    for (unsigned block = 0; block < numblks; ++block) optional(5);
-                }
-            }
-        }
-    }
-    if (reader.readBit()) {  // infomdate
-        reader.skip(5);      // bsmod, copyrightb, origbs
-        if (acmod == 2) reader.skip(4);
-        if (acmod >= 6) reader.skip(2);
-        optional(8); // audprodie
-        if (acmod == 0) optional(8);
-        if (header.sr_code < 3) reader.skip(1);
-    }
-    if (strmtyp == 0 && numblks != 6) reader.skip(1); // convsync
-    if (strmtyp == 2) {
-        if (numblks == 6) {
-            reader.skip(6);
-        } else {
-            optional(6); // blkid, frmsizecod
-        }
-    }
-    if (reader.readBit()) { // addbsie
-        const unsigned length = reader.read(6) + 1;
-        uint8_t addbsi[2] = {};
-        for (unsigned i = 0; i < length; ++i) {
-            const auto byte = uint8_t(reader.read(8));
-            if (i < 2) addbsi[i] = byte;
-        }
-        if (addbsi[0] & 1) {
-            *extensionFlag = 1;
-            *complexityIndex = length > 1 ? addbsi[1] : 0;
-        }
+    // The one walk of the bsi there is; a frame cut short sets nothing.
+    AC3BitstreamInfo info;
+    reader.seek(40); // where the header parser stops: just before bsid
+    if (parseAC3BitstreamInfo(reader, header, info) == 0 && info.flag_ec3_extension_type_a) {
+        *extensionFlag = 1;
+        *complexityIndex = info.complexity_index_type_a;
     }
     return 0;
 }

@@ -362,6 +362,7 @@ void QXMovie::finishReading()
     // Nothing completes while paused.
     dispatch_semaphore_wait(progressSemaphore, DISPATCH_TIME_FOREVER);
     dispatch_semaphore_signal(progressSemaphore);
+    if (reader) reader->finish();
     for (const QXTrackRef& track : tracks) track->markAsFinished();
 }
 

@@ -9,11 +9,9 @@ extern "C" {
 }
 
 #include <cmath>
-#include <future>
 #include <thread>
 
 #include "ReaderSupport.h"
-#include "qxmedia/reader/QXSampleBufferChannel.h"
 #include "qxmedia/reader/QXSync.h"
 #include "qxmedia/reader/QXTrackReader.h"
 #include "qxmedia/reader/QXTrackReaderAudioOutputProtocol.h"
@@ -319,25 +317,4 @@ TEST(Sync, SubtitleLeavesWithTheFrameThatReachesItsTime)
     EXPECT_EQ(seconds(pts(subtitle.input->samples()[0])), 5.0);
     EXPECT_EQ(seconds(CMSampleBufferGetDuration(subtitle.input->samples()[0])), 1.5);
     EXPECT_EQ(order, (std::vector<std::string> {"video", "video", "video", "subtitle", "video"}));
-}
-
-TEST(Sync, ChannelWithASyncPumpsThroughItAndEndsOnce)
-{
-    Lane video = videoLane();
-    auto sync = QXSync::init();
-    auto channel = QXSampleBufferChannel::initWithReaderOutput(video.output, video.input, sync);
-    for (int64_t t : {0, 40, 80}) video.output->processSample(at(t));
-    video.output->processSample(nullptr);
-    std::promise<void> done;
-    int calls = 0;
-    channel->startWithDelegate(nullptr, [&] {
-        ++calls;
-        done.set_value();
-    });
-    ASSERT_EQ(done.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
-    EXPECT_EQ(ptsOf(video.input->samples()), (std::vector<double> {0, 0.04, 0.08})) << "the last frame left on the end";
-    EXPECT_TRUE(video.input->finished);
-    channel->cancel();
-    dispatch_sync(channel->serializationQueue, [] {});
-    EXPECT_EQ(calls, 1);
 }

@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -294,6 +295,17 @@ public:
     int64_t useSquareArtwork() const { return artworkType; }
     void setUseSquareArtwork(int64_t type) { artworkType = type; }
 
+    // --- Change notifications. An observer hears, on the setter's thread,
+    // the key of every change made through setValue (and so through
+    // addEntriesFromDictionary, mergeMetaData and setArtwork), and then the
+    // keys derived from it: "artwork" and "artworkData" after "artworks",
+    // "title" after "name", "show" or "videoKind". Fields assigned directly
+    // are not heard: a host that observes sets through setValue.
+    using KeyObserver = std::function<void(const std::string& key)>;
+    using ObserverToken = uint64_t;
+    ObserverToken addObserver(KeyObserver observer);
+    void removeObserver(ObserverToken token);
+
     // --- Import.
     bool readFromDictionary(const AVDictionary* dictionary);
 
@@ -335,7 +347,14 @@ private:
     static void installArtworkArchiving();
     friend struct QXMetaDataImport;
 
+    void assignValue(const QXValue& value, std::string_view key);
+    // Tells the observers of `key` and of the keys derived from it.
+    void notifyChange(std::string_view key) const;
+
     std::unique_ptr<QXMetaDataBarrier> barrierQueue_;
     QXDictionary tagsDict_;
+    mutable std::mutex observersLock_;
+    std::vector<std::pair<ObserverToken, KeyObserver>> observers_;
+    ObserverToken nextObserverToken_ = 1;
     std::map<std::string, Snapshot, std::less<>> defaultValues_;
 };

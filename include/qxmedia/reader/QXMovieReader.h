@@ -6,7 +6,9 @@
 // the timeline (counted by the read loop) is closed by a new offset.
 
 #include <cstdint>
+#include <deque>
 #include <memory>
+#include <utility>
 
 #include "qxmedia/platform/coremedia/CMBufferQueue.h"
 #include "qxmedia/platform/coremedia/CMSampleBuffer.h"
@@ -22,10 +24,16 @@ public:
 
     // Called from the read loop's thread only, never with null.
     void processSample(const qx::CMSampleBufferRef& sample, const std::shared_ptr<QXTrack>& track);
+    // At the end of reading: video still waiting for a new offset goes on,
+    // continuing its own timeline.
+    void finish();
 
     // Samples of non-video tracks kept before the timeline starts, per track
     // of the movie.
     static constexpr int kStartupSamplesPerTrack = 100;
+    // Main video samples kept after a jump until audio sets the new offset;
+    // beyond this the video sets it.
+    static constexpr size_t kHeldVideoSamples = 100;
 
     uint8_t saw_video = 0;
     uint8_t saw_audio = 0;
@@ -41,4 +49,12 @@ private:
     bool acceptBeforeStart(const qx::CMSampleBufferRef& sample, QXTrack& track);
     void holdUntilStart(const qx::CMSampleBufferRef& sample, QXTrack& track);
     void drainStartupQueue(QXTrack& track);
+    // Sets the offset that continues the timeline one sample after the
+    // track's last time, from a sample of that track decoded at `dts`.
+    void continueTimeline(QXTrack& track, qx::CMTime dts);
+    void releaseHeldVideo();
+    // The decode time of the first held sample that has one.
+    qx::CMTime firstHeldTime() const;
+
+    std::deque<std::pair<qx::CMSampleBufferRef, std::shared_ptr<QXTrack>>> heldVideo_;
 };

@@ -47,6 +47,11 @@ private:
     void emitNext();
     // The n-th usable positive decode time of the table, or invalid.
     qx::CMTime positiveTimestamp(int32_t n) const;
+    // True when `time` lies after every decode time of the table.
+    bool beyondNewest(qx::CMTime time) const;
+    // True when a presentation time this far from a decode time is jitter:
+    // half a frame at most.
+    bool isJitter(qx::CMTime difference) const;
     // The table slot closest to `time`, or -1.
     int closestSlot(qx::CMTime time, bool* exact) const;
     qx::CMTime averageDuration(qx::CMTime like) const;

@@ -44,9 +44,16 @@ public:
     bool hasDecoder() const { return avctx_ != nullptr; }
 
 private:
+    void handOn(const qx::CMSampleBufferRef& sample, qx::CMTime duration, qx::CMTime presentationTime);
     void takeFormat(int64_t bitRate, uint64_t layout, int32_t channels, int32_t format, int32_t rate);
 
     // Guards the decoder: processing decodes, silentSample reads its setup.
     std::mutex decoderLock_;
     qx::AVCodecContextPtr avctx_;
+    // The latest coded sample while the decoder has given no frame for it:
+    // a decoder that holds a frame back gives it at the end.
+    qx::CMSampleBufferRef unanswered_;
+    // The length of the latest decoded frame, for a last sample that never
+    // gets one of its own.
+    qx::CMTime lastFrameDuration_ = qx::kCMTimeInvalid;
 };

@@ -65,9 +65,9 @@ class BitReader;
 struct AC3HeaderInfo;
 } // namespace qx
 
-// The walk over an E-AC-3 frame's bit stream information (from bit 50, after
-// dialnorm) to its additional bsi, where the object-audio mark lives. Sets
-// the flag and the complexity index only for a frame with bsid 16 whose
-// additional bsi has the mark. Returns 0.
+// The object-audio mark in the additional bsi of an E-AC-3 frame, found by
+// the bsi walk of AC3Header (the reader is put back just before bsid). Sets
+// the flag and the complexity index only for a whole frame with bsid 16
+// whose additional bsi has the mark. Returns 0.
 int qx_eac3_parse_addbsi(qx::BitReader& reader, const qx::AC3HeaderInfo& header, uint8_t* extensionFlag,
                          uint8_t* complexityIndex);
