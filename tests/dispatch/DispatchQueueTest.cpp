@@ -180,16 +180,6 @@ TEST(DispatchGlobalQueue, PoolGrowsWhenWorkersBlockOutsideDispatch)
     EXPECT_EQ(dispatch_group_wait(group, inSeconds(30)), 0);
 }
 
-TEST(DispatchGlobalQueue, BackgroundQueueRunsItsBlocks)
-{
-    auto background = dispatch_get_global_queue(DISPATCH_QUEUE_PRIORITY_BACKGROUND, 0);
-    EXPECT_NE(background, dispatch_get_global_queue(DISPATCH_QUEUE_PRIORITY_DEFAULT, 0));
-    EXPECT_EQ(background, dispatch_get_global_queue(-32768, 0));
-    std::promise<std::string> name;
-    dispatch_async(background, [&] { name.set_value(currentThreadName()); });
-    EXPECT_EQ(name.get_future().get(), "qx.background");
-}
-
 TEST(DispatchApply, RunsEveryIndexOnceAndNestsWithoutDeadlock)
 {
     for (long priority : {DISPATCH_QUEUE_PRIORITY_DEFAULT, DISPATCH_QUEUE_PRIORITY_BACKGROUND}) {
