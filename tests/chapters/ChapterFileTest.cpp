@@ -303,48 +303,41 @@ TEST_F(ChapterFiles, TextFormsToleratePartialAndMalformedLines)
     EXPECT_EQ(entriesOf(*track), (std::vector<Entry> {{" Start", 0}, {"\tTabbed", 180500}, {"5 four digits", 240000}}));
 }
 
-TEST_F(ChapterFiles, TextEncodingsAreDetected)
+TEST_F(ChapterFiles, EncodingsAreDetectedOrTakenFromTheDeclaration)
 {
-    // The decoded text, not the bytes, must begin with CHAPTER: UTF-16 and
-    // UTF-8 files with a byte order mark take the OGM form.
-    const std::u16string ogm = u"CHAPTER01=00:00:00.000\r\nCHAPTER01NAME=Café crème\r\n";
+    // Text files: the decoded text, not the bytes, must begin with CHAPTER,
+    // so UTF-16 and UTF-8 with a byte order mark take the OGM form. XML files
+    // are read in the encoding they declare.
     std::string utf16 = "\xFF\xFE";
-    for (char16_t unit : ogm) utf16 += std::string {char(unit & 0xFF), char(unit >> 8)};
-    auto track = QXChapterTrack::init();
-    EXPECT_TRUE(track->importChaptersFromURL(write("le.txt", utf16)));
-    EXPECT_EQ(entriesOf(*track), (std::vector<Entry> {{"Café crème", 0}}));
-    EXPECT_TRUE(track->importChaptersFromURL(write("bom.txt", "\xEF\xBB\xBF" + ogmFile({{"Übersicht", 0}}, "\n"))));
-    EXPECT_EQ(entriesOf(*track), (std::vector<Entry> {{"Übersicht", 0}}));
-
-    // A single-byte Western file that is no valid UTF-8.
-    std::string latin1 = "00:00:00.000 Caf\xE9 cr\xE8me et \xE9t\xE9 \xE0 la fran\xE7" "aise, d\xE9j\xE0 vu\n"
-                         "00:01:30.000 \xDC" "bersicht f\xFCr die Gro\xDF" "en und Kleinen\n";
-    EXPECT_TRUE(track->importChaptersFromURL(write("latin1.txt", latin1)));
-    EXPECT_EQ(entriesOf(*track),
-              (std::vector<Entry> {{" Café crème et été à la française, déjà vu", 0},
-                                   {" Übersicht für die Großen und Kleinen", 90000}}));
-}
-
-TEST_F(ChapterFiles, XmlInTheEncodingItDeclares)
-{
-    auto track = QXChapterTrack::init();
-    EXPECT_TRUE(track->importChaptersFromURL(write("cp1252.chapters",
-                                                   "<?xml version='1.0' encoding='windows-1252'?>\n"
-                                                   "<chapterInfo><chapters><chapter name=\"\x93" "Caf\xe9\x94 \x80" "5\" "
-                                                   "time=\"00:00:00.000\"/></chapters></chapterInfo>")));
-    EXPECT_EQ(entriesOf(*track), (std::vector<Entry> {{"“Café” €5", 0}}));
-
-    EXPECT_TRUE(track->importChaptersFromURL(write("latin1.xml",
-                                                   "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n"
-                                                   "<Chapters><EditionEntry><ChapterAtom>"
-                                                   "<ChapterTimeStart>00:00:00.000</ChapterTimeStart>"
-                                                   "<ChapterDisplay><ChapterString>D\xe9j\xe0</ChapterString>"
-                                                   "</ChapterDisplay></ChapterAtom></EditionEntry></Chapters>")));
-    EXPECT_EQ(entriesOf(*track), (std::vector<Entry> {{"Déjà", 0}}));
-
-    EXPECT_TRUE(track->importChaptersFromURL(write("sjis.chapters",
-                                                   "<?xml version=\"1.0\" encoding=\"Shift_JIS\"?>\n"
-                                                   "<chapterInfo><chapters><chapter name=\"\x93\xfa\x96\x7b\" "
-                                                   "time=\"00:00:00.000\"/></chapters></chapterInfo>")));
-    EXPECT_EQ(entriesOf(*track), (std::vector<Entry> {{"日本", 0}}));
+    for (char16_t unit : std::u16string(u"CHAPTER01=00:00:00.000\r\nCHAPTER01NAME=Café crème\r\n"))
+        utf16 += std::string {char(unit & 0xFF), char(unit >> 8)};
+    const std::string chapterInfo = "<chapterInfo><chapters><chapter name=\"";
+    const std::string atZero = "\" time=\"00:00:00.000\"/></chapters></chapterInfo>";
+    const struct {
+        const char* name;
+        std::string bytes;
+        std::vector<Entry> expected;
+    } cases[] = {
+        {"le.txt", utf16, {{"Café crème", 0}}},
+        {"bom.txt", "\xEF\xBB\xBF" + ogmFile({{"Übersicht", 0}}, "\n"), {{"Übersicht", 0}}},
+        {"latin1.txt",
+         "00:00:00.000 Caf\xE9 cr\xE8me et \xE9t\xE9 \xE0 la fran\xE7" "aise, d\xE9j\xE0 vu\n"
+         "00:01:30.000 \xDC" "bersicht f\xFCr die Gro\xDF" "en und Kleinen\n",
+         {{" Café crème et été à la française, déjà vu", 0}, {" Übersicht für die Großen und Kleinen", 90000}}},
+        {"cp1252.chapters",
+         "<?xml version='1.0' encoding='windows-1252'?>\n" + chapterInfo + "\x93" "Caf\xe9\x94 \x80" "5" + atZero,
+         {{"“Café” €5", 0}}},
+        {"latin1.xml",
+         "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n<Chapters><EditionEntry><ChapterAtom>"
+         "<ChapterTimeStart>00:00:00.000</ChapterTimeStart><ChapterDisplay><ChapterString>D\xe9j\xe0"
+         "</ChapterString></ChapterDisplay></ChapterAtom></EditionEntry></Chapters>",
+         {{"Déjà", 0}}},
+        {"sjis.chapters", "<?xml version=\"1.0\" encoding=\"Shift_JIS\"?>\n" + chapterInfo + "\x93\xfa\x96\x7b" + atZero,
+         {{"日本", 0}}},
+    };
+    for (const auto& c : cases) {
+        auto track = QXChapterTrack::init();
+        EXPECT_TRUE(track->importChaptersFromURL(write(c.name, c.bytes))) << c.name;
+        EXPECT_EQ(entriesOf(*track), c.expected) << c.name;
+    }
 }
