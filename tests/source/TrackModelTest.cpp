@@ -257,27 +257,63 @@ TEST(VideoTrack, VideoForWindowsFormInMatroska)
     EXPECT_FALSE(importTrack<QXVideoTrack>(native.context, kVideoStream)->brokenByMS);
 }
 
-TEST(VideoTrack, WhatCanBeCopied)
+TEST(TrackRules, WhatIsCopiedAndWhatCanBeEncoded)
 {
-    auto video = QXVideoTrack::init();
-    video->codec_id = AV_CODEC_ID_H264;
-    video->profile = 100;
-    EXPECT_TRUE(video->isMuxable());
-    video->profile = 110;
-    EXPECT_FALSE(video->isMuxable()) << "High 10";
-    video->profile = 77;
-    video->formatFlags = AVFMT_TS_DISCONT;
-    EXPECT_FALSE(video->isMuxable()) << "timestamps of a transport stream may jump";
-    video->codec_id = AV_CODEC_ID_MPEG2VIDEO;
-    video->formatFlags = AVFMT_GENERIC_INDEX;
-    EXPECT_FALSE(video->isMuxable());
+    auto video = [](AVCodecID codec, int profile, int formatFlags = 0) {
+        auto track = QXVideoTrack::init();
+        track->codec_id = codec;
+        track->profile = profile;
+        track->formatFlags = formatFlags;
+        return QXTrackRef(track);
+    };
+    auto audio = [](AVCodecID codec, int channels, int rate, QXData extradata = {0x11, 0x90}, bool eac3 = false) {
+        auto track = eac3 ? QXEAC3AudioTrack::init() : QXAudioTrack::init();
+        track->codec_id = codec;
+        track->channels = channels;
+        track->sample_rate = rate;
+        track->extradata = std::move(extradata);
+        return QXTrackRef(track);
+    };
+    auto subtitle = [](AVCodecID codec, bool bitmap = false) {
+        QXTrackRef track = bitmap ? QXTrackRef(QXBitmapSubtitleTrack::init()) : QXTrackRef(QXSubtitleTrack::init());
+        if (codec != AV_CODEC_ID_NONE) track->codec_id = codec;
+        return track;
+    };
+    const struct {
+        const char* what;
+        QXTrackRef track;
+        bool muxable, encodable;
+    } rules[] = {
+        {"H.264 High", video(AV_CODEC_ID_H264, 100), true, true},
+        {"H.264 High 10", video(AV_CODEC_ID_H264, 110), false, true},
+        {"H.264 whose timestamps may jump", video(AV_CODEC_ID_H264, 77, AVFMT_TS_DISCONT), false, true},
+        {"MPEG-2 video", video(AV_CODEC_ID_MPEG2VIDEO, 0), false, true},
+        {"AAC stereo", audio(AV_CODEC_ID_AAC, 2, 48000), true, true},
+        {"AAC 5.1 (encoded)", audio(AV_CODEC_ID_AAC, 6, 48000), false, true},
+        {"AAC at 96 kHz", audio(AV_CODEC_ID_AAC, 1, 96000), false, true},
+        {"AAC without its configuration", audio(AV_CODEC_ID_AAC, 1, 44100, {}), false, true},
+        {"MP3", audio(AV_CODEC_ID_MP3, 2, 44100), false, true},
+        {"audio without a sample rate", audio(AV_CODEC_ID_MP3, 2, 0), false, false},
+        {"E-AC-3", audio(AV_CODEC_ID_EAC3, 6, 48000, {}, true), true, true},
+        {"a new text track is tx3g", subtitle(AV_CODEC_ID_NONE), true, true},
+        {"ASS text", subtitle(AV_CODEC_ID_ASS), false, true},
+        {"PGS bitmaps as text", subtitle(AV_CODEC_ID_HDMV_PGS_SUBTITLE), false, false},
+        {"a codec without a descriptor", subtitle(AVCodecID(0x7fffffff)), false, false},
+        {"DVD bitmaps (through text recognition)", subtitle(AV_CODEC_ID_DVD_SUBTITLE, true), false, true},
+    };
+    for (const auto& rule : rules) {
+        EXPECT_EQ(rule.track->isMuxable(), rule.muxable) << rule.what;
+        EXPECT_EQ(rule.track->isEncodable(), rule.encodable) << rule.what;
+    }
 
-    video->codec_id = AV_CODEC_ID_MJPEG;
-    video->layer = 1;
-    video->enabled = false;
-    EXPECT_TRUE(video->isChapterImageTrack());
-    video->layer = 0;
-    EXPECT_FALSE(video->isChapterImageTrack());
+    // A disabled MJPEG track in another layer holds chapter pictures.
+    auto pictures = QXVideoTrack::init();
+    pictures->codec_id = AV_CODEC_ID_MJPEG;
+    pictures->enabled = false;
+    pictures->layer = 1;
+    EXPECT_TRUE(pictures->isChapterImageTrack());
+    pictures->layer = 0;
+    EXPECT_FALSE(pictures->isChapterImageTrack());
 }
 
 TEST(VideoTrack, UnsupportedColourIndexesAreWarnedAboutAndLeftOut)
@@ -393,30 +429,6 @@ TEST(AudioTrack, VolumeAndServiceTypeFromTheStream)
     qxtest::LogCapture log;
     EXPECT_EQ(importTrack<QXAudioTrack>(other.context, kAACStream)->audio_service_type, 5);
     EXPECT_TRUE(log.contains("Invalid data!", 2));
-}
-
-TEST(AudioTrack, WhatCanBeCopied)
-{
-    auto audio = QXAudioTrack::init();
-    audio->codec_id = AV_CODEC_ID_AAC;
-    audio->channels = 2;
-    audio->sample_rate = 48000;
-    audio->extradata = {0x11, 0x90};
-    EXPECT_TRUE(audio->isMuxable());
-    audio->channels = 6;
-    EXPECT_FALSE(audio->isMuxable()) << "surround AAC is encoded";
-    audio->channels = 1;
-    audio->sample_rate = 96000;
-    EXPECT_FALSE(audio->isMuxable());
-    audio->sample_rate = 44100;
-    audio->extradata.clear();
-    EXPECT_FALSE(audio->isMuxable()) << "no decoder configuration";
-    audio->codec_id = AV_CODEC_ID_MP3;
-    EXPECT_FALSE(audio->isMuxable());
-    EXPECT_TRUE(audio->isEncodable());
-    audio->sample_rate = 0;
-    EXPECT_FALSE(audio->isEncodable());
-    EXPECT_TRUE(QXEAC3AudioTrack::init()->isMuxable());
 }
 
 // MARK: Dolby analysis
@@ -547,24 +559,6 @@ TEST(SubtitleTrack, ImportMarksForcedStreamsAndRenamesThem)
     EXPECT_EQ(srt->name, "Subtitle Track");
     EXPECT_EQ(srt->offset, 0);
     EXPECT_EQ(ass->forcedFlag, QXSubtitleAllSamplesForced);
-}
-
-TEST(SubtitleTrack, WhatCanBeCopiedOrConverted)
-{
-    auto text = QXSubtitleTrack::init();
-    EXPECT_TRUE(text->isMuxable()) << "a new track is tx3g";
-    text->codec_id = AV_CODEC_ID_ASS;
-    EXPECT_FALSE(text->isMuxable());
-    EXPECT_TRUE(text->isEncodable());
-    text->codec_id = AV_CODEC_ID_HDMV_PGS_SUBTITLE;
-    EXPECT_FALSE(text->isEncodable()) << "bitmaps are not text";
-    text->codec_id = 0x7fffffff;
-    EXPECT_FALSE(text->isEncodable()) << "no descriptor";
-
-    auto bitmap = QXBitmapSubtitleTrack::init();
-    bitmap->codec_id = AV_CODEC_ID_DVD_SUBTITLE;
-    EXPECT_FALSE(bitmap->isMuxable());
-    EXPECT_TRUE(bitmap->isEncodable()) << "through text recognition";
 }
 
 TEST(SubtitleTrack, FittedToA1080LinePicture)
