@@ -38,37 +38,34 @@ QXDate localTime(int year, int month, int day, int hour, int minute)
 
 TEST(MetaDataRatings, ITunEXTCTextBothWays)
 {
-    auto record = QXMetaData::init();
-    record->videoKind = 9;
-    record->contentRating = 300;
-    EXPECT_EQ(record->contentRatingStringMP4(), "mpaa|PG-13|300|");
-    // No rating, no kind or no country: no text.
-    record->contentRating = QXNoContentRating;
-    EXPECT_FALSE(record->contentRatingStringMP4());
-    EXPECT_EQ(record->contentRatingString(), "NC-17"); // the last name of the table
-    record->contentRating = 0;
-    EXPECT_EQ(record->contentRatingStringMP4(), "mpaa|NR|000|");
-    record->videoKind = 0;
-    EXPECT_FALSE(record->contentRatingStringMP4());
-
-    record->videoKind = 10;
-    record->contentRating = 600;
-    record->contentRatingAnnotation.set(std::string("Violence"));
-    EXPECT_EQ(record->contentRatingStringMP4(), "us-tv|TV-MA|600|Violence");
-    // A rating between two of the table takes the next one up.
-    record->contentRating = 450;
-    record->contentRatingAnnotation.clear();
-    EXPECT_EQ(record->contentRatingStringMP4(), "us-tv|TV-14|500|");
-
-    record->countryCode.set(std::string("DE"));
-    record->videoKind = 9;
-    record->contentRating = 75;
-    EXPECT_EQ(record->contentRatingStringMP4(), "de-movie|ab 0 Jahren|075|");
-    // A country without TV ratings uses those of the US.
-    record->countryCode.set(std::string("JP"));
-    record->videoKind = 10;
-    record->contentRating = 300;
-    EXPECT_EQ(record->contentRatingStringMP4(), "us-tv|TV-G|300|");
+    const struct {
+        const char* country;
+        int64_t kind;
+        uint64_t rating;
+        const char* annotation;
+        const char* expected; // null: no text
+    } cases[] = {
+        {"US", 9, 300, nullptr, "mpaa|PG-13|300|"},
+        {"US", 9, QXNoContentRating, nullptr, nullptr},
+        {"US", 9, 0, nullptr, "mpaa|NR|000|"},
+        {"US", 0, 0, nullptr, nullptr}, // no video kind
+        {"US", 10, 600, "Violence", "us-tv|TV-MA|600|Violence"},
+        {"US", 10, 450, nullptr, "us-tv|TV-14|500|"}, // between two: the next one up
+        {"DE", 9, 75, nullptr, "de-movie|ab 0 Jahren|075|"},
+        {"JP", 10, 300, nullptr, "us-tv|TV-G|300|"}, // no TV ratings of its own: those of the US
+    };
+    for (const auto& c : cases) {
+        auto record = QXMetaData::init();
+        record->countryCode.set(std::string(c.country));
+        record->videoKind = c.kind;
+        record->contentRating = c.rating;
+        if (c.annotation) record->contentRatingAnnotation.set(std::string(c.annotation));
+        const auto text = record->contentRatingStringMP4();
+        EXPECT_EQ(text.value_or("(none)"), c.expected ? c.expected : "(none)") << c.country << " " << c.rating;
+    }
+    auto unrated = QXMetaData::init();
+    unrated->videoKind = 9;
+    EXPECT_EQ(unrated->contentRatingString(), "NC-17") << "no rating shows the last name of the table";
 
     auto reader = QXMetaData::init();
     reader->setContentRatingStringMP4("uk-movie|12A|325|Mild threat");
