@@ -229,50 +229,44 @@ TEST_F(ChapterFiles, BadTimesAreLoggedAndKept)
     EXPECT_FALSE(CMTIME_IS_VALID(track->chapters[1]->timestamp));
 }
 
-TEST_F(ChapterFiles, FilesWithoutChaptersOrOfOtherNamesAnswerFalseWithoutError)
+TEST_F(ChapterFiles, FilesThatGiveNoChaptersAnswerFalseAndSayWhy)
 {
-    // Extensions are case-sensitive: a good list under another name is not read.
+    // Extensions are case-sensitive: a good list under another name is not
+    // read, and neither that nor an empty list is an error. A missing file
+    // is "no such file" (260) and broken XML "damaged content" (259).
     const auto list = chaptersFile(kSample);
-    for (const auto& [name, content] : std::vector<std::pair<std::string, std::string>> {
-             {"a.XML", list}, {"a.Chapters", list}, {"a.TXT", list}, {"chapters", list}, {"a.chapters.bak", list},
-             {"empty.chapters", "<chapterInfo><chapters/></chapterInfo>"},
-             {"other-root.xml", "<Tags><Tag/></Tags>"},
-             {"empty.txt", ""},
-             {"prose.txt", "Some notes\nabout 1:02:03 and\nCHAPTER lines missing\n"},
-         }) {
+    const struct {
+        const char* name;
+        std::optional<std::string> content; // none: the file is missing
+        int64_t error;                       // 0: none
+    } cases[] = {
+        {"a.XML", list, 0}, {"a.Chapters", list, 0}, {"a.TXT", list, 0}, {"chapters", list, 0},
+        {"a.chapters.bak", list, 0}, {"empty.chapters", "<chapterInfo><chapters/></chapterInfo>", 0},
+        {"other-root.xml", "<Tags><Tag/></Tags>", 0}, {"empty.txt", "", 0},
+        {"prose.txt", "Some notes\nabout 1:02:03 and\nCHAPTER lines missing\n", 0},
+        {"missing.chapters", std::nullopt, 260}, {"missing.xml", std::nullopt, 260},
+        {"missing.txt", std::nullopt, 260}, {"broken.chapters", "<chapterInfo><chapters>", 259},
+        {"broken.xml", "<chapterInfo><chapters>", 259},
+    };
+    qxtest::LogCapture capture;
+    for (const auto& c : cases) {
         auto track = QXChapterTrack::init();
         QXErrorRef error;
-        EXPECT_FALSE(track->importChaptersFromURL(write(name, content), &error)) << name;
-        EXPECT_FALSE(error) << name;
-        EXPECT_EQ(track->chapterCount(), 0u) << name;
+        const auto path = c.content ? write(c.name, *c.content) : dir / c.name;
+        EXPECT_FALSE(track->importChaptersFromURL(path, &error)) << c.name;
+        EXPECT_EQ(error ? error->code() : 0, c.error) << c.name;
+        if (error) {
+            EXPECT_EQ(error->domain(), NSCocoaErrorDomain);
+        }
+        EXPECT_EQ(track->chapterCount(), 0u) << c.name;
     }
+    // Every error is logged as it is made.
+    EXPECT_TRUE(capture.contains("missing.txt", QXLogFlagError));
+
     // The readers themselves do not look at the name.
     auto track = QXChapterTrack::init();
     EXPECT_TRUE(track->importChaptersFromChapters(dir / "a.XML"));
     EXPECT_EQ(track->chapterCount(), kSample.size());
-}
-
-TEST_F(ChapterFiles, UnreadableFilesReportAnError)
-{
-    qxtest::LogCapture capture;
-    for (const char* name : {"missing.chapters", "missing.xml", "missing.txt"}) {
-        auto track = QXChapterTrack::init();
-        QXErrorRef error;
-        EXPECT_FALSE(track->importChaptersFromURL(dir / name, &error)) << name;
-        ASSERT_TRUE(error) << name;
-        EXPECT_EQ(error->domain(), NSCocoaErrorDomain);
-        EXPECT_EQ(error->code(), 260) << name; // no such file
-    }
-    for (const char* name : {"broken.chapters", "broken.xml"}) {
-        auto track = QXChapterTrack::init();
-        QXErrorRef error;
-        EXPECT_FALSE(track->importChaptersFromURL(write(name, "<chapterInfo><chapters>"), &error)) << name;
-        ASSERT_TRUE(error) << name;
-        EXPECT_EQ(error->code(), 259) << name; // damaged content
-        EXPECT_EQ(track->chapterCount(), 0u);
-    }
-    // Every error is logged as it is made.
-    EXPECT_TRUE(capture.contains("missing.txt", QXLogFlagError));
 }
 
 TEST_F(ChapterFiles, TextFormsToleratePartialAndMalformedLines)
