@@ -229,50 +229,44 @@ TEST_F(ChapterFiles, BadTimesAreLoggedAndKept)
     EXPECT_FALSE(CMTIME_IS_VALID(track->chapters[1]->timestamp));
 }
 
-TEST_F(ChapterFiles, FilesWithoutChaptersOrOfOtherNamesAnswerFalseWithoutError)
+TEST_F(ChapterFiles, FilesThatGiveNoChaptersAnswerFalseAndSayWhy)
 {
-    // Extensions are case-sensitive: a good list under another name is not read.
+    // Extensions are case-sensitive: a good list under another name is not
+    // read, and neither that nor an empty list is an error. A missing file
+    // is "no such file" (260) and broken XML "damaged content" (259).
     const auto list = chaptersFile(kSample);
-    for (const auto& [name, content] : std::vector<std::pair<std::string, std::string>> {
-             {"a.XML", list}, {"a.Chapters", list}, {"a.TXT", list}, {"chapters", list}, {"a.chapters.bak", list},
-             {"empty.chapters", "<chapterInfo><chapters/></chapterInfo>"},
-             {"other-root.xml", "<Tags><Tag/></Tags>"},
-             {"empty.txt", ""},
-             {"prose.txt", "Some notes\nabout 1:02:03 and\nCHAPTER lines missing\n"},
-         }) {
+    const struct {
+        const char* name;
+        std::optional<std::string> content; // none: the file is missing
+        int64_t error;                       // 0: none
+    } cases[] = {
+        {"a.XML", list, 0}, {"a.Chapters", list, 0}, {"a.TXT", list, 0}, {"chapters", list, 0},
+        {"a.chapters.bak", list, 0}, {"empty.chapters", "<chapterInfo><chapters/></chapterInfo>", 0},
+        {"other-root.xml", "<Tags><Tag/></Tags>", 0}, {"empty.txt", "", 0},
+        {"prose.txt", "Some notes\nabout 1:02:03 and\nCHAPTER lines missing\n", 0},
+        {"missing.chapters", std::nullopt, 260}, {"missing.xml", std::nullopt, 260},
+        {"missing.txt", std::nullopt, 260}, {"broken.chapters", "<chapterInfo><chapters>", 259},
+        {"broken.xml", "<chapterInfo><chapters>", 259},
+    };
+    qxtest::LogCapture capture;
+    for (const auto& c : cases) {
         auto track = QXChapterTrack::init();
         QXErrorRef error;
-        EXPECT_FALSE(track->importChaptersFromURL(write(name, content), &error)) << name;
-        EXPECT_FALSE(error) << name;
-        EXPECT_EQ(track->chapterCount(), 0u) << name;
+        const auto path = c.content ? write(c.name, *c.content) : dir / c.name;
+        EXPECT_FALSE(track->importChaptersFromURL(path, &error)) << c.name;
+        EXPECT_EQ(error ? error->code() : 0, c.error) << c.name;
+        if (error) {
+            EXPECT_EQ(error->domain(), NSCocoaErrorDomain);
+        }
+        EXPECT_EQ(track->chapterCount(), 0u) << c.name;
     }
+    // Every error is logged as it is made.
+    EXPECT_TRUE(capture.contains("missing.txt", QXLogFlagError));
+
     // The readers themselves do not look at the name.
     auto track = QXChapterTrack::init();
     EXPECT_TRUE(track->importChaptersFromChapters(dir / "a.XML"));
     EXPECT_EQ(track->chapterCount(), kSample.size());
-}
-
-TEST_F(ChapterFiles, UnreadableFilesReportAnError)
-{
-    qxtest::LogCapture capture;
-    for (const char* name : {"missing.chapters", "missing.xml", "missing.txt"}) {
-        auto track = QXChapterTrack::init();
-        QXErrorRef error;
-        EXPECT_FALSE(track->importChaptersFromURL(dir / name, &error)) << name;
-        ASSERT_TRUE(error) << name;
-        EXPECT_EQ(error->domain(), NSCocoaErrorDomain);
-        EXPECT_EQ(error->code(), 260) << name; // no such file
-    }
-    for (const char* name : {"broken.chapters", "broken.xml"}) {
-        auto track = QXChapterTrack::init();
-        QXErrorRef error;
-        EXPECT_FALSE(track->importChaptersFromURL(write(name, "<chapterInfo><chapters>"), &error)) << name;
-        ASSERT_TRUE(error) << name;
-        EXPECT_EQ(error->code(), 259) << name; // damaged content
-        EXPECT_EQ(track->chapterCount(), 0u);
-    }
-    // Every error is logged as it is made.
-    EXPECT_TRUE(capture.contains("missing.txt", QXLogFlagError));
 }
 
 TEST_F(ChapterFiles, TextFormsToleratePartialAndMalformedLines)
@@ -303,48 +297,41 @@ TEST_F(ChapterFiles, TextFormsToleratePartialAndMalformedLines)
     EXPECT_EQ(entriesOf(*track), (std::vector<Entry> {{" Start", 0}, {"\tTabbed", 180500}, {"5 four digits", 240000}}));
 }
 
-TEST_F(ChapterFiles, TextEncodingsAreDetected)
+TEST_F(ChapterFiles, EncodingsAreDetectedOrTakenFromTheDeclaration)
 {
-    // The decoded text, not the bytes, must begin with CHAPTER: UTF-16 and
-    // UTF-8 files with a byte order mark take the OGM form.
-    const std::u16string ogm = u"CHAPTER01=00:00:00.000\r\nCHAPTER01NAME=Café crème\r\n";
+    // Text files: the decoded text, not the bytes, must begin with CHAPTER,
+    // so UTF-16 and UTF-8 with a byte order mark take the OGM form. XML files
+    // are read in the encoding they declare.
     std::string utf16 = "\xFF\xFE";
-    for (char16_t unit : ogm) utf16 += std::string {char(unit & 0xFF), char(unit >> 8)};
-    auto track = QXChapterTrack::init();
-    EXPECT_TRUE(track->importChaptersFromURL(write("le.txt", utf16)));
-    EXPECT_EQ(entriesOf(*track), (std::vector<Entry> {{"Café crème", 0}}));
-    EXPECT_TRUE(track->importChaptersFromURL(write("bom.txt", "\xEF\xBB\xBF" + ogmFile({{"Übersicht", 0}}, "\n"))));
-    EXPECT_EQ(entriesOf(*track), (std::vector<Entry> {{"Übersicht", 0}}));
-
-    // A single-byte Western file that is no valid UTF-8.
-    std::string latin1 = "00:00:00.000 Caf\xE9 cr\xE8me et \xE9t\xE9 \xE0 la fran\xE7" "aise, d\xE9j\xE0 vu\n"
-                         "00:01:30.000 \xDC" "bersicht f\xFCr die Gro\xDF" "en und Kleinen\n";
-    EXPECT_TRUE(track->importChaptersFromURL(write("latin1.txt", latin1)));
-    EXPECT_EQ(entriesOf(*track),
-              (std::vector<Entry> {{" Café crème et été à la française, déjà vu", 0},
-                                   {" Übersicht für die Großen und Kleinen", 90000}}));
-}
-
-TEST_F(ChapterFiles, XmlInTheEncodingItDeclares)
-{
-    auto track = QXChapterTrack::init();
-    EXPECT_TRUE(track->importChaptersFromURL(write("cp1252.chapters",
-                                                   "<?xml version='1.0' encoding='windows-1252'?>\n"
-                                                   "<chapterInfo><chapters><chapter name=\"\x93" "Caf\xe9\x94 \x80" "5\" "
-                                                   "time=\"00:00:00.000\"/></chapters></chapterInfo>")));
-    EXPECT_EQ(entriesOf(*track), (std::vector<Entry> {{"“Café” €5", 0}}));
-
-    EXPECT_TRUE(track->importChaptersFromURL(write("latin1.xml",
-                                                   "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n"
-                                                   "<Chapters><EditionEntry><ChapterAtom>"
-                                                   "<ChapterTimeStart>00:00:00.000</ChapterTimeStart>"
-                                                   "<ChapterDisplay><ChapterString>D\xe9j\xe0</ChapterString>"
-                                                   "</ChapterDisplay></ChapterAtom></EditionEntry></Chapters>")));
-    EXPECT_EQ(entriesOf(*track), (std::vector<Entry> {{"Déjà", 0}}));
-
-    EXPECT_TRUE(track->importChaptersFromURL(write("sjis.chapters",
-                                                   "<?xml version=\"1.0\" encoding=\"Shift_JIS\"?>\n"
-                                                   "<chapterInfo><chapters><chapter name=\"\x93\xfa\x96\x7b\" "
-                                                   "time=\"00:00:00.000\"/></chapters></chapterInfo>")));
-    EXPECT_EQ(entriesOf(*track), (std::vector<Entry> {{"日本", 0}}));
+    for (char16_t unit : std::u16string(u"CHAPTER01=00:00:00.000\r\nCHAPTER01NAME=Café crème\r\n"))
+        utf16 += std::string {char(unit & 0xFF), char(unit >> 8)};
+    const std::string chapterInfo = "<chapterInfo><chapters><chapter name=\"";
+    const std::string atZero = "\" time=\"00:00:00.000\"/></chapters></chapterInfo>";
+    const struct {
+        const char* name;
+        std::string bytes;
+        std::vector<Entry> expected;
+    } cases[] = {
+        {"le.txt", utf16, {{"Café crème", 0}}},
+        {"bom.txt", "\xEF\xBB\xBF" + ogmFile({{"Übersicht", 0}}, "\n"), {{"Übersicht", 0}}},
+        {"latin1.txt",
+         "00:00:00.000 Caf\xE9 cr\xE8me et \xE9t\xE9 \xE0 la fran\xE7" "aise, d\xE9j\xE0 vu\n"
+         "00:01:30.000 \xDC" "bersicht f\xFCr die Gro\xDF" "en und Kleinen\n",
+         {{" Café crème et été à la française, déjà vu", 0}, {" Übersicht für die Großen und Kleinen", 90000}}},
+        {"cp1252.chapters",
+         "<?xml version='1.0' encoding='windows-1252'?>\n" + chapterInfo + "\x93" "Caf\xe9\x94 \x80" "5" + atZero,
+         {{"“Café” €5", 0}}},
+        {"latin1.xml",
+         "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n<Chapters><EditionEntry><ChapterAtom>"
+         "<ChapterTimeStart>00:00:00.000</ChapterTimeStart><ChapterDisplay><ChapterString>D\xe9j\xe0"
+         "</ChapterString></ChapterDisplay></ChapterAtom></EditionEntry></Chapters>",
+         {{"Déjà", 0}}},
+        {"sjis.chapters", "<?xml version=\"1.0\" encoding=\"Shift_JIS\"?>\n" + chapterInfo + "\x93\xfa\x96\x7b" + atZero,
+         {{"日本", 0}}},
+    };
+    for (const auto& c : cases) {
+        auto track = QXChapterTrack::init();
+        EXPECT_TRUE(track->importChaptersFromURL(write(c.name, c.bytes))) << c.name;
+        EXPECT_EQ(entriesOf(*track), c.expected) << c.name;
+    }
 }

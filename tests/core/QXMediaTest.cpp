@@ -174,9 +174,37 @@ TEST(QXMediaLog, MP4LayerLevelsMapToFlags)
     EXPECT_EQ(lines[3].flag, QXLogFlagVerbose);
 }
 
-TEST(QXMediaChecks, UnreadableFileCountsAsDamaged)
+// A copy of `source` whose moov ends in a box with an empty type, a box
+// the MP4 layer reads but warns about.
+static std::filesystem::path withSuspectBox(const std::filesystem::path& source, const std::filesystem::path& dir)
 {
-    EXPECT_TRUE(QXMedia::sharedMedia().checkMP4FileForCorruption("/nonexistent/file.mp4"));
+    std::string bytes = qxtest::readFile(source);
+    const size_t moov = bytes.find("moov") - 4;
+    auto* p = reinterpret_cast<uint8_t*>(bytes.data() + moov);
+    uint32_t size = uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
+    bytes.insert(moov + size, std::string("\0\0\0\x08\0\0\0\0", 8));
+    size += 8;
+    p = reinterpret_cast<uint8_t*>(bytes.data() + moov);
+    p[0] = uint8_t(size >> 24), p[1] = uint8_t(size >> 16), p[2] = uint8_t(size >> 8), p[3] = uint8_t(size);
+    const auto path = dir / "suspect.mp4";
+    qxtest::writeFile(path, bytes);
+    return path;
+}
+
+TEST(QXMediaChecks, CorruptionCheckTellsDamagedFromIntact)
+{
+    const auto intact = qxtest::generate("core-intact.mp4", "-f lavfi -i testsrc=size=64x48:rate=5:d=0.4 "
+                                                            "-pix_fmt yuv420p -movflags +faststart");
+    ASSERT_FALSE(intact.empty());
+    const auto dir = qxtest::makeTempDir("core-corruption");
+    const std::pair<std::filesystem::path, bool> cases[] = {
+        {intact, false},
+        {withSuspectBox(intact, dir), true},
+        {dir / "missing.mp4", true},
+    };
+    for (const auto& [path, damaged] : cases) {
+        EXPECT_EQ(QXMedia::sharedMedia().checkMP4FileForCorruption(path), damaged) << path;
+    }
 }
 
 TEST(QXMediaChecks, HardwareEncoderListLoggedOnce)
@@ -187,5 +215,6 @@ TEST(QXMediaChecks, HardwareEncoderListLoggedOnce)
     EXPECT_EQ(first, second);
     size_t headers = 0;
     for (const auto& line : capture.lines()) headers += line.text == "Available encoders:";
-    EXPECT_LE(headers, 1u) << "the list is computed once per process";
+    EXPECT_EQ(headers, 1u) << "the list is logged on the first question and not again";
+    EXPECT_TRUE(capture.contains("libx264: ", QXLogFlagInfo)) << "each encoder has a line";
 }

@@ -189,17 +189,6 @@ TEST(CMSampleBuffer, ImageSampleNeedsAMatchingDescription)
     EXPECT_EQ(CMSampleBufferCreateForImageBuffer(nullptr, other, true, nullptr, nullptr, description, &timing,
                                                  &mismatched),
               kCMSampleBufferError_InvalidMediaFormat);
-
-    // The encoder's description carries the configuration atom.
-    QXDictionary extensions {{kCMFormatDescriptionExtension_SampleDescriptionExtensionAtoms,
-                              QXDictionary {{"avcC", QXData {1, 100, 0, 31}}}}};
-    CMVideoFormatDescriptionRef h264;
-    ASSERT_EQ(CMVideoFormatDescriptionCreate(nullptr, kCMVideoCodecType_H264, 64, 48, &extensions, &h264), 0);
-    const QXDictionary* found = CMFormatDescriptionGetExtensions(h264);
-    ASSERT_TRUE(found);
-    const QXValue* atoms = found->at(kCMFormatDescriptionExtension_SampleDescriptionExtensionAtoms).find("avcC");
-    ASSERT_TRUE(atoms && atoms->data());
-    EXPECT_EQ(atoms->data()->size(), 4u);
 }
 
 TEST(CMSampleBuffer, AttachmentsCanBeWrittenAndReadFromTwoThreads)

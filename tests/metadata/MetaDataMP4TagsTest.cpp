@@ -82,60 +82,30 @@ QXDate dayAt(int year, int month, int day, int hour)
 TEST(MetaDataMP4Tags, EveryFieldGoesIntoItsTagAndComesBack)
 {
     const auto path = copyOfBase("all");
+    // Every field the file has a tag for, each with a value of its own.
+    const std::pair<const char*, QXValue> fields[] = {
+        {QXName, "Pilot"}, {QXArtist, "Artist"}, {QXAlbumArtist, "Album Artist"}, {QXAlbum, "Album"},
+        {QXGrouping, "Grouping"}, {QXComposer, "Composer"}, {QXComment, "Comment"}, {QXGenre, "Drama"},
+        {QXShow, "The Show"}, {QXTVNetwork, "Network"}, {QXEpisodeID, "S01E03"}, {QXShortDescription, "Short"},
+        {QXLongDescription, "Long description, with \xc3\xa9 accents"}, {QXLyrics, "La la"},
+        {QXSeasonDescription, "Season one"}, {QXSortName, "Pilot, The"}, {QXSortArtist, "Artist, The"},
+        {QXSortAlbumArtist, "Album Artist, The"}, {QXSortAlbum, "Album, The"}, {QXSortComposer, "Composer, The"},
+        {QXSortShow, "Show, The"}, {QXCopyright, "(c) Us"}, {QXEncodingTool, "Tool"}, {QXEncodedBy, "Encoder"},
+        {QXKeywords, "k1 k2"}, {QXCategory, "Category"}, {QXITunesAccount, "me@example.com"},
+        {QXXID, "vendor:isrc:1"}, {QXStudio, "Studio"}, {QXCountryCode, "US"},
+        {QXDirectors, QXArray {QXValue("Dora Director")}},
+        {QXGenreType, int64_t(18)}, {QXTrackNumber, int64_t(3)}, {QXTrackCount, int64_t(12)},
+        {QXDiscNumber, int64_t(1)}, {QXDiscCount, int64_t(2)}, {QXSeasonNumber, int64_t(1)},
+        {QXEpisodeNumber, int64_t(3)}, {QXHD, int64_t(2)}, {QXVideoKind, int64_t(10)},
+        {QXAdvisoryRating, int64_t(4)}, {QXITunesCountry, int64_t(143441)}, {QXContentID, int64_t(1000)},
+        {QXArtistID, int64_t(2000)}, {QXPlaylistID, int64_t((int64_t(1) << 40) + 5)}, {QXGenreID, int64_t(4005)},
+        {QXComposerID, int64_t(3000)}, {QXContentRating, int64_t(600)}, {QXPodcast, true}, {QXGapless, true},
+        {QXCompilation, true},
+    };
     auto record = QXMetaData::init();
-    record->name.set(std::string("Pilot"));
-    record->artist.set(std::string("Artist"));
-    record->albumArtist.set(std::string("Album Artist"));
-    record->album.set(std::string("Album"));
-    record->grouping.set(std::string("Grouping"));
-    record->composer.set(std::string("Composer"));
-    record->comment.set(std::string("Comment"));
-    record->genre.set(std::string("Drama"));
-    record->genreType = 18;
+    for (const auto& [key, value] : fields) record->setValue(value, key);
     record->releaseDate.set(dayAt(2009, 3, 14, 22));
-    record->trackNumber = 3;
-    record->trackCount = 12;
-    record->discNumber = 1;
-    record->discCount = 2;
-    record->compilation = true;
-    record->show.set(std::string("The Show"));
-    record->tvNetwork.set(std::string("Network"));
-    record->episodeID.set(std::string("S01E03"));
-    record->seasonNumber = 1;
-    record->episodeNumber = 3;
-    record->shortDescription.set(std::string("Short"));
-    record->longDescription.set(std::string("Long description, with \xc3\xa9 accents"));
-    record->lyrics.set(std::string("La la"));
-    record->seasonDescription.set(std::string("Season one"));
-    record->sortName.set(std::string("Pilot, The"));
-    record->sortArtist.set(std::string("Artist, The"));
-    record->sortAlbumArtist.set(std::string("Album Artist, The"));
-    record->sortAlbum.set(std::string("Album, The"));
-    record->sortComposer.set(std::string("Composer, The"));
-    record->sortShow.set(std::string("Show, The"));
-    record->copyright.set(std::string("(c) Us"));
-    record->encodingTool.set(std::string("Tool"));
-    record->encodedBy.set(std::string("Encoder"));
     record->purchaseDate.set(dayAt(2020, 1, 2, 3));
-    record->podcast = true;
-    record->keywords.set(std::string("k1 k2"));
-    record->category.set(std::string("Category"));
-    record->hd = 2;
-    record->videoKind = 10;
-    record->advisoryRating = 4;
-    record->gapless = true;
-    record->iTunesAccount.set(std::string("me@example.com"));
-    record->iTunesCountry = 143441;
-    record->contentID = 1000;
-    record->artistID = 2000;
-    record->playlistID = (uint64_t(1) << 40) + 5;
-    record->genreID = 4005;
-    record->composerID = 3000;
-    record->xid.set(std::string("vendor:isrc:1"));
-    record->countryCode.set(std::string("US"));
-    record->contentRating = 600;
-    record->directors.set(QXStringList {"Dora Director"});
-    record->studio.set(std::string("Studio"));
     record->setArtwork(QXImage::imageWithSize(32, 24));
     writeRecord(*record, path);
 

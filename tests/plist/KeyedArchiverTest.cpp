@@ -278,10 +278,11 @@ TEST(KeyedUnarchiver, ClassOverridesWinOverTheRegistry)
     EXPECT_EQ(job->mainTrack->language, "de");
 }
 
-TEST(KeyedArchiver, ImagesGoThroughTheInstalledCoding)
+TEST(KeyedArchiver, ImagesWithoutCodingHooksAreDropped)
 {
-    // Without coding hooks an image is dropped (with a warning) and the
-    // rest of the archive stays intact.
+    // Without the image module's hooks an image is dropped (with a warning)
+    // and the rest of the archive stays intact. With them, images travel as
+    // bytes: the chapter and metadata archive tests read real pictures back.
     QXKeyedArchiver plain;
     plain.encodeObject(QXValue(QXImageRef()), "artwork");
     plain.encodeObject(QXArray {QXValue(), "x"}, "artworks");
@@ -290,23 +291,4 @@ TEST(KeyedArchiver, ImagesGoThroughTheInstalledCoding)
     const QXValue artworks = back.decodeObject("artworks");
     ASSERT_TRUE(artworks.array());
     EXPECT_TRUE(artworks.array()->at(0).isNull()); // the null marker survives
-
-    // With hooks, the image travels as bytes. The image type is opaque here:
-    // a stand-in pointer that is never dereferenced plays the image.
-    static int token = 0;
-    const QXImageRef image(reinterpret_cast<const QXImage*>(&token), [](const QXImage*) {});
-    const QXData png {0x89, 'P'};
-    QXSetImageArchiveCoding([&](const QXImageRef& i) { return i == image ? std::optional(png) : std::nullopt; },
-                            [&](const QXData& d) { return d == png ? image : QXImageRef(); });
-    QXKeyedArchiver coder;
-    coder.encodeObject(QXArray {QXValue(), QXValue(image)}, "artworks");
-    const auto data = QXPropertyListSerialization::dataWithPropertyList(QXValue(coder.encodedKeys()),
-                                                                        QXPropertyListFormat::Binary);
-    QXKeyedUnarchiver decoder(*QXPropertyListSerialization::propertyListWithData(*data)->dictionary());
-    const QXValue decoded = decoder.decodeObject("artworks");
-    QXSetImageArchiveCoding(nullptr, nullptr);
-    ASSERT_TRUE(decoded.array());
-    ASSERT_EQ(decoded.array()->size(), 2u);
-    ASSERT_TRUE(decoded.array()->at(1).image());
-    EXPECT_EQ(*decoded.array()->at(1).image(), image);
 }

@@ -56,20 +56,16 @@ TEST(MovieOpening, MatroskaWithEveryKindOfTrack)
     EXPECT_FALSE(movie->isUpdateable);
 }
 
-TEST(MovieOpening, HevcAndEac3WithTheDec3OfTheFile)
+TEST(MovieOpening, HevcAndEac3FromAnMP4AreUpdateableAndCopied)
 {
-    const auto path = sourcemedia::hevcEac3();
-    auto movie = open(path);
+    // The E-AC-3 track's dec3 is checked against the file in the track tests.
+    auto movie = open(sourcemedia::hevcEac3());
     ASSERT_TRUE(movie);
     EXPECT_TRUE(movie->isUpdateable);
     EXPECT_FALSE(movie->error());
     ASSERT_EQ(movie->tracks.size(), 2u);
     EXPECT_TRUE(movie->tracks[0]->isMuxable()) << "HEVC from an MP4";
-    auto eac3 = std::dynamic_pointer_cast<QXEAC3AudioTrack>(movie->tracks[1]);
-    ASSERT_TRUE(eac3);
-    const QXData written = qxtest::boxPayload(path, "dec3");
-    ASSERT_FALSE(written.empty());
-    EXPECT_EQ(eac3->dec3Atom, written) << "the dec3 built here is the one ffmpeg wrote";
+    EXPECT_TRUE(std::dynamic_pointer_cast<QXEAC3AudioTrack>(movie->tracks[1]));
 }
 
 TEST(MovieOpening, TransportStreamIsProbedLongAndNotMuxable)
