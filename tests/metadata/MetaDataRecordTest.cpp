@@ -10,15 +10,6 @@
 #include "qxmedia/platform/image/QXImage.h"
 #include "support/TestMedia.h"
 
-namespace {
-
-bool hasKey(const QXDictionary& dict, const char* key)
-{
-    return dict.find(key) != dict.end();
-}
-
-} // namespace
-
 TEST(MetaDataRecord, MergeCarriesOnlyWhatTheOtherChanged)
 {
     auto base = QXMetaData::init();
