@@ -152,25 +152,3 @@ TEST(ContainerChapters, ChapterStreamOfAnMP4GivesItsTrackID)
     // An index out of range leaves the track ID alone.
     EXPECT_EQ(QXChapterTrack::initWithFormatContext(input.context, 99)->trackID, 0);
 }
-
-TEST(ContainerChapters, EntriesWithoutTitlesVanish)
-{
-    // A container table built by hand: three untitled entries give nothing,
-    // and a titled first entry after zero brings the filler.
-    std::unique_ptr<AVFormatContext, decltype(&avformat_free_context)> context(avformat_alloc_context(),
-                                                                               avformat_free_context);
-    ASSERT_TRUE(context);
-    for (int i = 0; i < 3; ++i) appendChapter(context.get(), i * 90000, {1, 90000}, nullptr);
-    EXPECT_EQ(QXChapterTrack::initWithFormatContext(context.get())->chapterCount(), 0u);
-
-    av_dict_set(&context->chapters[1]->metadata, "title", "Second", 0);
-    // A time is the start times the time base's numerator, over its
-    // denominator.
-    appendChapter(context.get(), 7, {3, 2}, "Third");
-    auto track = QXChapterTrack::initWithFormatContext(context.get());
-    EXPECT_EQ(listOf(track->chapters),
-              (std::vector<std::pair<std::string, int64_t>> {{"Chapter 1", 0}, {"Second", 1000}, {"Third", 10500}}));
-    EXPECT_EQ(track->chapters[2]->timestamp.timescale, 2);
-
-    EXPECT_EQ(QXChapterTrack::initWithFormatContext(nullptr)->chapterCount(), 0u);
-}

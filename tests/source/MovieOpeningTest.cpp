@@ -165,17 +165,6 @@ TEST(MovieOpening, WideSubtitleFileIsRewrittenAndNamesItsLanguage)
     EXPECT_EQ(guessed->tracks[0]->language, "de") << "from the text";
 }
 
-TEST(MovieOpening, CoverPictureBecomesArtwork)
-{
-    auto movie = open(sourcemedia::coverOnly());
-    ASSERT_TRUE(movie);
-    EXPECT_FALSE(movie->videoTrack);
-    ASSERT_EQ(movie->streams.size(), 2u);
-    EXPECT_FALSE(movie->streams[1].lock()) << "the picture stream has an empty entry";
-    EXPECT_TRUE(movie->metadata->artwork());
-    EXPECT_FALSE(movie->isEncodeable()) << "no video";
-}
-
 TEST(MovieOpening, DamagedMP4OpensButIsNotUpdateable)
 {
     const auto dir = qxtest::makeTempDir("damaged");

@@ -117,16 +117,6 @@ std::filesystem::path multiTrackMP4()
                                              "-c:a:1 aac -c:s mov_text");
 }
 
-std::filesystem::path ac3(const std::string& layout, const std::string& options)
-{
-    std::string name = "track-ac3-" + layout + (options.empty() ? "" : "-" + options) + ".ac3";
-    for (char& c : name) {
-        if (c == ' ' || c == '+') c = '_';
-    }
-    return qxtest::generate(name, "-f lavfi -i sine=frequency=440:sample_rate=48000:duration=0.5 "
-                                  "-af aformat=channel_layouts=" + layout + " -c:a ac3 " + options);
-}
-
 std::filesystem::path vfwMatroska()
 {
     const auto path = qxtest::mediaDir() / "track-vfw-h264.mkv";
@@ -141,19 +131,6 @@ std::filesystem::path vfwMatroska()
     }
     std::filesystem::rename(partial, path);
     return path;
-}
-
-std::filesystem::path stereoEac3()
-{
-    return qxtest::generate("track-eac3-stereo.mp4", "-f lavfi -i sine=frequency=440:sample_rate=44100:duration=1 "
-                                                     "-af aformat=channel_layouts=stereo -c:a eac3 -b:a 96k");
-}
-
-std::filesystem::path stereoMatroska(const std::string& mode)
-{
-    return qxtest::generate("track-stereo-" + mode + ".mkv", std::string(kVideo) +
-                                                               "-t 1 -c:v libx264 -preset ultrafast -crf 30 "
-                                                               "-pix_fmt yuv420p -metadata:s:v stereo_mode=" + mode);
 }
 
 OpenedInput::OpenedInput(const std::filesystem::path& path)

@@ -28,16 +28,9 @@ std::filesystem::path multiTrackMP4();
 
 std::string srtText();
 
-// Raw AC-3 from ffmpeg's encoder in one channel layout ("mono", "FC+LFE",
-// "stereo", "2.1", "5.1"), with extra encoder options if given.
-std::filesystem::path ac3(const std::string& layout, const std::string& options = "");
 // Matroska H.264 with B-frames in the Video-for-Windows form (through AVI
 // and mkvmerge); empty if mkvmerge is missing.
 std::filesystem::path vfwMatroska();
-// MP4 with stereo E-AC-3 at 44.1 kHz, 96 kbit/s.
-std::filesystem::path stereoEac3();
-// Matroska H.264 with a frame-packed stereo mode ("left_right", "top_bottom").
-std::filesystem::path stereoMatroska(const std::string& mode);
 
 // An input opened and probed with FFmpeg for importing tracks by hand;
 // context is null when the file could not be opened.
