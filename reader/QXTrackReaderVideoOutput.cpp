@@ -21,6 +21,21 @@ namespace {
 constexpr int kScaleFlags = SWS_LANCZOS | SWS_ACCURATE_RND;
 constexpr int kPlaneAlignment = 16;
 
+// The full-range ("J") formats are their plain twins with another range.
+// The scaler is given the twin: it would squeeze full range into video
+// range, while the picture keeps its range and is marked 'f420'.
+AVPixelFormat withoutRangeVariant(int format)
+{
+    switch (format) {
+    case AV_PIX_FMT_YUVJ420P: return AV_PIX_FMT_YUV420P;
+    case AV_PIX_FMT_YUVJ422P: return AV_PIX_FMT_YUV422P;
+    case AV_PIX_FMT_YUVJ444P: return AV_PIX_FMT_YUV444P;
+    case AV_PIX_FMT_YUVJ440P: return AV_PIX_FMT_YUV440P;
+    case AV_PIX_FMT_YUVJ411P: return AV_PIX_FMT_YUV411P;
+    default: return AVPixelFormat(format);
+    }
+}
+
 CMSampleBufferRef copyWithTiming(const CMSampleBufferRef& sample, CMTime duration)
 {
     const CMSampleTimingInfo timing {duration, CMSampleBufferGetPresentationTimeStamp(sample), kCMTimeInvalid};
@@ -156,11 +171,12 @@ void QXTrackReaderVideoOutput::processFrame(const AVFrame* frame)
         QXLogWarning("%s Error allocating image: %s", __PRETTY_FUNCTION__, QXAvErrorText(size).c_str());
         return;
     }
-    if (frame->width == swsWidth && frame->height == swsHeight && frame->format == AV_PIX_FMT_YUV420P) {
+    const AVPixelFormat sourceFormat = withoutRangeVariant(frame->format);
+    if (frame->width == swsWidth && frame->height == swsHeight && sourceFormat == AV_PIX_FMT_YUV420P) {
         av_image_copy(planes, strides, const_cast<const uint8_t**>(frame->data), frame->linesize, AV_PIX_FMT_YUV420P,
                       swsWidth, swsHeight);
     } else {
-        scaleContext_ = sws_getCachedContext(scaleContext_, frame->width, frame->height, AVPixelFormat(frame->format),
+        scaleContext_ = sws_getCachedContext(scaleContext_, frame->width, frame->height, sourceFormat,
                                              swsWidth, swsHeight, AV_PIX_FMT_YUV420P, kScaleFlags, nullptr, nullptr,
                                              nullptr);
         if (!scaleContext_) {
@@ -171,7 +187,8 @@ void QXTrackReaderVideoOutput::processFrame(const AVFrame* frame)
         sws_scale(scaleContext_, frame->data, frame->linesize, 0, frame->height, planes, strides);
     }
 
-    const OSType format = frame->color_range == AVCOL_RANGE_JPEG ? kCVPixelFormatType_420YpCbCr8PlanarFullRange
+    const bool fullRange = frame->color_range == AVCOL_RANGE_JPEG || sourceFormat != frame->format;
+    const OSType format = fullRange ? kCVPixelFormatType_420YpCbCr8PlanarFullRange
                                                                  : kCVPixelFormatType_420YpCbCr8Planar;
     const size_t chromaWidth = size_t(swsWidth + 1) / 2;
     const size_t chromaHeight = size_t(swsHeight + 1) / 2;

@@ -74,6 +74,11 @@ const char* const kSupportedProperties[] = {
 // time scale of the first picture's presentation time.
 constexpr AVRational kEncoderTimeBase {1, 90000};
 
+// x264's and x265's usual look-ahead, and the memory it may take.
+constexpr int64_t kDefaultLookahead = 40;
+constexpr int64_t kMinimumLookahead = 10;
+constexpr int64_t kLookaheadBytes = int64_t(192) << 20;
+
 struct HardwareCandidate {
     std::string encoder;
     std::string device; // empty: the API's default device
@@ -314,7 +319,8 @@ void configure(AVCodecContext* context, const QXDictionary& properties, bool hev
         const QXValue* v = aspect->find(kCVImageBufferPixelAspectRatioVerticalSpacingKey);
         if (h && v) context->sample_aspect_ratio = AVRational {int(h->int64().value_or(0)), int(v->int64().value_or(0))};
     }
-    const bool software = context->codec->capabilities & AV_CODEC_CAP_OTHER_THREADS;
+    // libx264 / libx265: speed presets, their own parameters, a look-ahead.
+    const bool software = std::string_view(context->codec->name).starts_with("libx26");
     if (const QXValue* name = property(kVTCompressionPropertyKey_ProfileLevel); name && name->string()) {
         std::string profile, level;
         parseProfileLevel(*name->string(), profile, level);
@@ -325,14 +331,29 @@ void configure(AVCodecContext* context, const QXDictionary& properties, bool hev
         const int64_t index = speed->int64().value_or(-1);
         if (index >= 0 && index < 10) av_opt_set(context->priv_data, "preset", kQXEncoderSpeedPresets[index], 0);
     }
+    // x265 reports each session on stderr unless told not to; the
+    // framework's log has what matters.
+    std::string params = hevc ? "log-level=error" : "";
+    // The look-ahead holds copies of whole pictures: for pictures above
+    // 1080p it is shortened so that it stays within kLookaheadBytes.
+    const int64_t pictureBytes = int64_t(context->width) * context->height * 3 / 2;
+    if (software && pictureBytes > 0 && pictureBytes * kDefaultLookahead > kLookaheadBytes) {
+        const int64_t frames = std::max<int64_t>(kMinimumLookahead, kLookaheadBytes / pictureBytes);
+        if (hevc) {
+            params += ":rc-lookahead=" + std::to_string(frames);
+        } else {
+            av_opt_set_int(context->priv_data, "rc-lookahead", frames, 0);
+        }
+    }
     if (const QXValue* options = property(kQXCompressionPropertyKey_EncoderOptions); options && options->dictionary()) {
-        std::string params;
         for (const auto& [key, value] : *options->dictionary()) {
             const std::string text = valueText(value);
             if (av_opt_set(context, key.c_str(), text.c_str(), AV_OPT_SEARCH_CHILDREN) >= 0) continue;
             params += (params.empty() ? "" : ":") + key + "=" + text;
         }
-        if (!params.empty()) av_opt_set(context->priv_data, hevc ? "x265-params" : "x264-params", params.c_str(), 0);
+    }
+    if (software && !params.empty()) {
+        av_opt_set(context->priv_data, hevc ? "x265-params" : "x264-params", params.c_str(), 0);
     }
 }
 
