@@ -83,7 +83,7 @@ double frameRate(const std::string& rational)
                                       : std::atof(rational.c_str()) / std::atof(rational.c_str() + slash + 1);
 }
 
-class EncodeJob : public ::testing::TestWithParam<EncodeCase> {
+class EncodeJobPassthrough : public ::testing::Test {
 protected:
     void SetUp() override
     {
@@ -92,6 +92,8 @@ protected:
     }
     std::filesystem::path dir;
 };
+
+class EncodeJob : public EncodeJobPassthrough, public ::testing::WithParamInterface<EncodeCase> {};
 
 TEST_P(EncodeJob, ConvertsThroughThePresetIntoAnM4VThatPlays)
 {
@@ -144,6 +146,37 @@ TEST_P(EncodeJob, ConvertsThroughThePresetIntoAnM4VThatPlays)
         ASSERT_FALSE(report.empty());
         EXPECT_GE(std::atof(report.c_str() + 4), 0.95) << report;
     }
+}
+
+TEST_F(EncodeJobPassthrough, EncodesExactlyTheVideoThatCannotBeCopied)
+{
+    const auto input = qxtest::generate(
+        "enc-two-videos.mkv", "-f lavfi -i testsrc2=size=160x120:rate=25:duration=1"
+                              " -f lavfi -i testsrc=size=160x120:rate=25:duration=1" + std::string(kAudio) +
+                              " -map 0:v -map 1:v -map 2:a -c:v:0 libx264 -preset ultrafast -c:v:1 mpeg4 -c:a aac");
+    ASSERT_FALSE(input.empty());
+    auto movie = QXMovie::initWithURL(input);
+    ASSERT_TRUE(movie);
+    auto job = QXJob::initWithMovie(movie, QXPreset::initWithIdentifier(QXPresetPassthrough));
+    std::map<int32_t, int64_t> lineTypes; // by source codec
+    for (const QXTrackJobRef& line : job->tracks) {
+        if (line->source->mediaType() == AVMediaTypeVideo) lineTypes[line->source->codec_id] = line->type;
+        EXPECT_TRUE(line->muxerInput) << line->description();
+    }
+    EXPECT_EQ(lineTypes, (std::map<int32_t, int64_t> {{27, QXTrackJobTypeRemux}, {12, QXTrackJobTypeEncode}}));
+
+    job->destination = dir / "passthrough.m4v";
+    job->queue();
+    ASSERT_TRUE(job->start());
+    ASSERT_TRUE(job->waitUntilFinished()) << (job->error() ? job->error()->description() : "");
+    for (const char* stream : {"v:0", "v:1"}) {
+        auto video = probeStream(job->destination, stream);
+        EXPECT_EQ(video["codec_name"], "h264") << stream;
+        EXPECT_EQ(video["nb_read_frames"], "25") << stream;
+    }
+    std::string decodeErrors;
+    qxtest::run("ffmpeg -v error -i '" + job->destination.string() + "' -map 0 -f null - 2>&1", &decodeErrors);
+    EXPECT_EQ(decodeErrors, "");
 }
 
 INSTANTIATE_TEST_SUITE_P(Sources, EncodeJob, ::testing::ValuesIn(kCases),
