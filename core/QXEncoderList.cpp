@@ -69,6 +69,10 @@ bool tryOpen(const AVCodec* codec)
 
 int QXAvcodecOpen(AVCodecContext* context, const AVCodec* codec, AVDictionary** options)
 {
+    // A hardware session can take seconds to open, or to fail on a missing
+    // device; it must not hold every other open. FFmpeg itself serialises
+    // the codecs whose set-up is not thread-safe.
+    if (codec && av_codec_is_encoder(codec) && isHardware(codec)) return avcodec_open2(context, codec, options);
     std::lock_guard guard(codecOpenLock());
     return avcodec_open2(context, codec, options);
 }

@@ -14,6 +14,7 @@ extern "C" {
 #include "qxmedia/muxer/QXMuxerAACInput.h"
 #include "qxmedia/muxer/QXMuxerAC3Input.h"
 #include "qxmedia/muxer/QXMuxerRawAudioInput.h"
+#include "qxmedia/muxer/QXMuxerVideoToolboxInput.h"
 
 namespace {
 
@@ -42,8 +43,8 @@ struct InputClasses {
 //   E-AC-3:      QXMuxerEAC3Input / QXMuxerRawEAC3Input
 //   mov_text:    QXMuxerRawTX3GInput both ways
 const std::array<InputClasses, 6> kInputClasses {{
-    {AV_CODEC_ID_H264, nullptr, &make<QXMuxerRawH264Input>},
-    {AV_CODEC_ID_HEVC, nullptr, &make<QXMuxerRawH264Input>},
+    {AV_CODEC_ID_H264, &make<QXMuxerVideoToolboxInput>, &make<QXMuxerRawH264Input>},
+    {AV_CODEC_ID_HEVC, &make<QXMuxerVideoToolboxInput>, &make<QXMuxerRawH264Input>},
     {AV_CODEC_ID_AAC, &make<QXMuxerAACInput>, &make<QXMuxerRawAACInput>},
     {AV_CODEC_ID_AC3, &make<QXMuxerAC3Input>, &make<QXMuxerRawAC3Input>},
     {AV_CODEC_ID_EAC3, &make<QXMuxerEAC3Input>, &make<QXMuxerRawEAC3Input>},

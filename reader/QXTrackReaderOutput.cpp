@@ -1,5 +1,7 @@
 #include "qxmedia/reader/QXTrackReaderOutput.h"
 
+#include <algorithm>
+
 extern "C" {
 #include <libavcodec/codec_id.h>
 }
@@ -9,6 +11,8 @@ extern "C" {
 #include "qxmedia/reader/QXTrackReaderH264Output.h"
 #include "qxmedia/reader/QXTrackReaderRawAudioOutput.h"
 #include "qxmedia/reader/QXTrackReaderSubtitleOutput.h"
+#include "qxmedia/reader/QXTrackReaderVideoOutput.h"
+#include "qxmedia/platform/coremedia/CVPixelBuffer.h"
 #include "qxmedia/source/QXMovie.h"
 #include "qxmedia/source/QXVideoTrack.h"
 
@@ -32,8 +36,8 @@ std::shared_ptr<QXTrackReaderOutput> QXTrackReaderOutput::initWithSource(const s
                                                                          const std::shared_ptr<QXTrack>& destination,
                                                                          bool encode)
 {
-    // Decoding video has an output of its own still to come; it gets the
-    // pass-through base meanwhile.
+    // Every kind of track has an output of its own; the pass-through base is
+    // what a track nothing else takes gets.
     const QXMediaType type = source ? source->mediaType() : nullptr;
     if (type == AVMediaTypeAudio && !encode) return QXTrackReaderRawAudioOutput::initWithSource(source, destination);
     if (type == AVMediaTypeAudio && encode) return QXTrackReaderAudioOutput::initWithSource(source, destination);
@@ -43,6 +47,7 @@ std::shared_ptr<QXTrackReaderOutput> QXTrackReaderOutput::initWithSource(const s
     }
     if (type == AVMediaTypeSubtitle && !encode) return QXTrackReaderRawSubtitleOutput::initWithSource(source, destination);
     if (type == AVMediaTypeSubtitle && encode) return QXTrackReaderSubtitleOutput::initWithSource(source, destination);
+    if (type == AVMediaTypeVideo && encode) return QXTrackReaderVideoOutput::initWithSource(source, destination);
     return initWithSource(source);
 }
 
@@ -91,8 +96,11 @@ void QXTrackReaderOutput::processSample(const CMSampleBufferRef& sample)
         return;
     }
     dispatch_semaphore_wait(samplesCountSemaphore, DISPATCH_TIME_FOREVER);
+    const size_t bytes = sampleBytes(sample);
+    reserveBytes(bytes);
     if (OSStatus status = CMBufferQueueEnqueue(samples, sample); status != 0) {
         QXLogWarning("Failed to enqueue sample in %d: %s!", int(status), description().c_str());
+        releaseBytes(bytes);
         dispatch_semaphore_signal(samplesCountSemaphore);
     }
     dispatch_semaphore_signal(samplesSemaphore);
@@ -104,6 +112,43 @@ CMSampleBufferRef QXTrackReaderOutput::copyNextSample()
     dispatch_semaphore_wait(samplesSemaphore, DISPATCH_TIME_FOREVER);
     CMSampleBufferRef sample = CMBufferQueueDequeueAndRetain(samples);
     if (!sample) return nullptr;
+    releaseBytes(sampleBytes(sample));
     dispatch_semaphore_signal(samplesCountSemaphore);
     return sample;
+}
+
+size_t QXTrackReaderOutput::sampleBytes(const CMSampleBufferRef& sample)
+{
+    if (!sample) return 0;
+    if (CVPixelBufferRef picture = CMSampleBufferGetImageBuffer(sample)) {
+        size_t bytes = 0;
+        for (size_t plane = 0; plane < CVPixelBufferGetPlaneCount(picture); ++plane) {
+            bytes += CVPixelBufferGetBytesPerRowOfPlane(picture, plane) * CVPixelBufferGetHeightOfPlane(picture, plane);
+        }
+        return bytes;
+    }
+    const CMBlockBufferRef data = CMSampleBufferGetDataBuffer(sample);
+    return data ? CMBlockBufferGetDataLength(data) : 0;
+}
+
+size_t QXTrackReaderOutput::queuedBytes() const
+{
+    std::lock_guard hold(bytesLock_);
+    return queuedBytes_;
+}
+
+void QXTrackReaderOutput::reserveBytes(size_t bytes)
+{
+    std::unique_lock hold(bytesLock_);
+    bytesReleased_.wait(hold, [&] { return queuedBytes_ == 0 || queuedBytes_ + bytes <= kQueuedBytes; });
+    queuedBytes_ += bytes;
+}
+
+void QXTrackReaderOutput::releaseBytes(size_t bytes)
+{
+    {
+        std::lock_guard hold(bytesLock_);
+        queuedBytes_ -= std::min(bytes, queuedBytes_);
+    }
+    bytesReleased_.notify_all();
 }

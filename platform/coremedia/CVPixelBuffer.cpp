@@ -121,6 +121,14 @@ void releaseFrameBuffer(void* opaque, uint8_t*) { delete static_cast<CVPixelBuff
 
 } // namespace
 
+int CVColorAttachmentToAVColor(std::string_view key, const std::optional<QXValue>& value)
+{
+    if (key == kCVImageBufferColorPrimariesKey) return lookup(value, primariesTable, AVCOL_PRI_UNSPECIFIED);
+    if (key == kCVImageBufferTransferFunctionKey) return lookup(value, transferTable, AVCOL_TRC_UNSPECIFIED);
+    if (key == kCVImageBufferYCbCrMatrixKey) return lookup(value, matrixTable, AVCOL_SPC_UNSPECIFIED);
+    return 2; // unspecified in each of FFmpeg's colour enumerations
+}
+
 CVPixelBuffer::~CVPixelBuffer()
 {
     if (frame_) av_frame_free(&frame_);

@@ -56,24 +56,6 @@ std::vector<std::pair<std::string, int64_t>> listOf(const std::vector<QXChapterR
     return list;
 }
 
-// Appends an entry to a hand-built chapter table; avformat_free_context
-// frees it.
-void appendChapter(AVFormatContext* context, int64_t start, AVRational timeBase, const char* title)
-{
-    auto** grown = static_cast<AVChapter**>(
-        av_realloc_array(context->chapters, context->nb_chapters + 1, sizeof(AVChapter*)));
-    ASSERT_TRUE(grown);
-    context->chapters = grown;
-    auto* chapter = static_cast<AVChapter*>(av_mallocz(sizeof(AVChapter)));
-    ASSERT_TRUE(chapter);
-    chapter->id = context->nb_chapters;
-    chapter->time_base = timeBase;
-    chapter->start = start;
-    chapter->end = start + 1;
-    if (title) av_dict_set(&chapter->metadata, "title", title, 0);
-    context->chapters[context->nb_chapters++] = chapter;
-}
-
 const std::vector<std::pair<std::string, int64_t>> kExpected = {
     {"Opening", 0}, {"Déjà vu & <more>", 1500}, {"Last ", 4000}};
 

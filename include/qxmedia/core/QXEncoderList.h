@@ -29,5 +29,6 @@ public:
     static bool encoderOpens(const std::string& encoderID);
 };
 
-// avcodec_open2 under the process-wide codec lock.
+// avcodec_open2 under the process-wide codec lock; hardware encoders open
+// outside it, so that probing a device does not hold the others.
 int QXAvcodecOpen(AVCodecContext* context, const AVCodec* codec, AVDictionary** options);

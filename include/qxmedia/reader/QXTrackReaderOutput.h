@@ -6,11 +6,16 @@
 //
 // Back-pressure: processSemaphore (256) bounds samples waiting for
 // processSample, samplesCountSemaphore (256) bounds finished samples;
-// samplesSemaphore counts what copyNextSample may take.
+// samplesSemaphore counts what copyNextSample may take. Finished samples are
+// also bounded by their bytes (kQueuedBytes): decoded pictures are large,
+// and 256 of them in 4K would be about 3 GB. One sample always fits, so a
+// picture larger than the bound still passes, alone.
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <utility>
 
@@ -58,6 +63,11 @@ public:
     qx::CMTime first_drop = qx::kCMTimeInvalid;
 
     static constexpr long kQueuedSamples = 256;
+    static constexpr size_t kQueuedBytes = size_t(64) << 20;
+
+    // The bytes a sample holds: its data block or its picture's planes.
+    static size_t sampleBytes(const qx::CMSampleBufferRef& sample);
+    size_t queuedBytes() const;
 
 protected:
     // Creates the queue, named after the finished output.
@@ -73,5 +83,11 @@ protected:
     }
 
 private:
+    void reserveBytes(size_t bytes);
+    void releaseBytes(size_t bytes);
+
     std::atomic<bool> finished_ {false};
+    mutable std::mutex bytesLock_;
+    std::condition_variable bytesReleased_;
+    size_t queuedBytes_ = 0;
 };

@@ -123,6 +123,10 @@ const AVFrame* CVPixelBufferGetAVFrame(const CVPixelBufferRef& pixelBuffer);
 // failure.
 AVFrame* CVPixelBufferCopyAVFrame(const CVPixelBufferRef& pixelBuffer);
 
+// FFmpeg's number for a colour attachment (primaries, transfer function or
+// matrix key), 2 (unspecified) for an absent or unknown value.
+int CVColorAttachmentToAVColor(std::string_view key, const std::optional<QXValue>& value);
+
 // The planes stay where they are: locking is a formality here.
 CVReturn CVPixelBufferLockBaseAddress(const CVPixelBufferRef& pixelBuffer, CVPixelBufferLockFlags lockFlags);
 CVReturn CVPixelBufferUnlockBaseAddress(const CVPixelBufferRef& pixelBuffer, CVPixelBufferLockFlags unlockFlags);
