@@ -32,7 +32,7 @@ bool isText(int32_t codecId)
     return descriptor && (descriptor->props & AV_CODEC_PROP_TEXT_SUB) && codecId != AV_CODEC_ID_MOV_TEXT;
 }
 
-std::vector<uint8_t> sampleBytes(const CMSampleBufferRef& sample)
+std::vector<uint8_t> copySampleBytes(const CMSampleBufferRef& sample)
 {
     const CMBlockBufferRef data = CMSampleBufferGetDataBuffer(sample);
     std::vector<uint8_t> bytes(data ? CMBlockBufferGetDataLength(data) : 0);
@@ -161,7 +161,7 @@ void QXTrackReaderSubtitleOutput::processSample(const CMSampleBufferRef& sample)
 
 bool QXTrackReaderSubtitleOutput::decode(const CMSampleBufferRef& sample, Pending& pending)
 {
-    std::vector<uint8_t> bytes = sampleBytes(sample);
+    std::vector<uint8_t> bytes = copySampleBytes(sample);
     if (isText(track->codec_id)) {
         std::optional<std::string> text;
         if (destination) text = QXStringFromData(bytes.data(), bytes.size(), destination->encoding);
