@@ -122,12 +122,12 @@ public:
     uint32_t sampleCount() const;
     bool sampleInfo(uint32_t index, SampleInfo& info) const; // 0-based
     bool readSample(uint32_t index, std::vector<uint8_t>& data) const;
+    StszBox* stsz() const;
+    ChunkOffsetBox* stco() const; // stco or co64
 
 private:
     void buildIndex() const;
     SttsBox* stts() const;
-    StszBox* stsz() const;
-    ChunkOffsetBox* stco() const;
 
     MP4File& file_;
     Box* trak_;
