@@ -151,10 +151,12 @@ bool MP4File::writeMoovModified(uint32_t flags)
         writeBE64(size, writePosition_ - mdatOffset_);
         ok = writeAt(mdatOffset_ + 8, size, 8);
     }
+    // Once the switch is written the new moov is live: nothing appended may
+    // be cut off any more, even when a later sync fails.
     bool switched = false;
     ok = ok && placeMoov(moov()->toBytes(), switched);
     if (!switched) abandonEdit();
-    return switched;
+    return ok && switched;
 }
 
 bool MP4File::placeMoov(const std::vector<uint8_t>& bytes, bool& switched)
@@ -177,8 +179,9 @@ bool MP4File::placeMoov(const std::vector<uint8_t>& bytes, bool& switched)
         }
         if (!writeAt(run.offset + 8, bytes.data() + 8, bytes.size() - 8) || !syncFile()) return false;
         // Its header: before the old moov this is the switch.
-        if (!writeAt(run.offset, bytes.data(), 8) || !syncFile()) return false;
+        if (!writeAt(run.offset, bytes.data(), 8)) return false;
         switched = run.offset < old->fileOffset;
+        if (!syncFile()) return false;
     } else {
         if (!pinLastBox()) return false;
         // Appended as free space first, then made a moov behind the live one.
@@ -192,12 +195,12 @@ bool MP4File::placeMoov(const std::vector<uint8_t>& bytes, bool& switched)
     // else the cleanup.
     uint64_t oldOffset = old->fileOffset;
     size_t oldIndex = root_.indexOf(old);
-    bool retired = retireBox(*old) && syncFile();
+    bool retired = retireBox(*old);
     switched = switched || retired;
-    if (!switched) return false;
+    if (!retired || !syncFile()) return switched;
     // Free space left at the end of the file by the old moov is cut off.
     const auto& top = root_.children();
-    bool freeToTheEnd = retired && mdatOffset_ == 0 && run.offset < oldOffset && run.size != 0;
+    bool freeToTheEnd = mdatOffset_ == 0 && run.offset < oldOffset && run.size != 0;
     for (size_t i = oldIndex; freeToTheEnd && i < top.size(); ++i) freeToTheEnd = isFree(top[i]->type());
     if (freeToTheEnd && fileSize_ == sizeAtOpen_ && truncateFile(oldOffset)) syncFile();
     return true;
