@@ -6,6 +6,7 @@
 #include "qxmedia/mp4/MP4Log.h"
 
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -18,9 +19,12 @@ namespace {
 
 void quiet(int, const char*, va_list) {}
 
-void check(bool condition)
+// Aborts with the line of the broken promise.
+#define check(condition) ((condition) ? void(0) : failed(#condition, __LINE__))
+[[noreturn]] void failed(const char* what, int line)
 {
-    if (!condition) std::abort();
+    std::fprintf(stderr, "broken at line %d: %s\n", line, what);
+    std::abort();
 }
 
 std::vector<std::vector<uint8_t>> someSamples(const MP4File& file)
