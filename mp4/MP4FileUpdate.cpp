@@ -32,8 +32,8 @@ struct FreeRun {
 };
 
 // The first run of free boxes that takes `size` bytes exactly or with room
-// for a free box after them.
-bool findFreeRun(const RootBox& root, uint64_t size, FreeRun& found)
+// for a free box after them, and that no sample lies in.
+template <class HoldsSamples> bool findFreeRun(const RootBox& root, uint64_t size, HoldsSamples holdsSamples, FreeRun& found)
 {
     const auto& top = root.children();
     for (size_t i = 0; i < top.size();) {
@@ -44,7 +44,8 @@ bool findFreeRun(const RootBox& root, uint64_t size, FreeRun& found)
         FreeRun run {i, 0, top[i]->fileOffset, 0};
         for (; i < top.size() && isFree(top[i]->type()); ++i, ++run.count)
             run.size = top[i]->fileOffset + top[i]->fileSize - run.offset;
-        if (run.size <= UINT32_MAX && (run.size == size || size + 8 <= run.size)) {
+        if (run.size <= UINT32_MAX && (run.size == size || size + 8 <= run.size) &&
+            !holdsSamples(run.offset, run.offset + run.size)) {
             found = run;
             return true;
         }
@@ -53,6 +54,15 @@ bool findFreeRun(const RootBox& root, uint64_t size, FreeRun& found)
 }
 
 } // namespace
+
+// Damaged or odd files may point samples anywhere, even into box headers;
+// the editor writes nowhere a sample lies.
+bool MP4File::holdsSamples(uint64_t begin, uint64_t end) const
+{
+    for (const auto& [first, last] : liveSamples_)
+        if (first < end && begin < last) return true;
+    return false;
+}
 
 void MP4File::abandonEdit()
 {
@@ -76,7 +86,7 @@ bool MP4File::retireBox(Box& box)
     } else {
         return false;
     }
-    if (!writeAt(box.fileOffset, header, length)) return false;
+    if (holdsSamples(box.fileOffset, box.fileOffset + length) || !writeAt(box.fileOffset, header, length)) return false;
     auto space = std::make_unique<FileRangeBox>(kFree);
     space->fileOffset = box.fileOffset;
     space->fileSize = box.fileSize;
@@ -102,7 +112,8 @@ bool MP4File::pinLastBox()
             return false;
         }
         writeBE32(size, uint32_t(last.fileSize));
-        if (!writeAt(last.fileOffset, size, 4) || !syncFile()) return false;
+        if (holdsSamples(last.fileOffset, last.fileOffset + 4) || !writeAt(last.fileOffset, size, 4) || !syncFile())
+            return false;
     }
     lastBoxPinned_ = true;
     return true;
@@ -111,6 +122,8 @@ bool MP4File::pinLastBox()
 bool MP4File::repairLeftovers()
 {
     if (damagedElsewhere_) return true; // refused by the caller
+    for (const auto& track : tracks_)
+        for (const auto& range : track->sampleRanges()) liveSamples_.push_back(range);
     Box* live = moov();
     bool repaired = false;
     // A second moov is the new one of an edit interrupted before its switch,
@@ -124,11 +137,7 @@ bool MP4File::repairLeftovers()
     // A box cut short after the live moov that no chunk points into: what an
     // interrupted edit appended.
     if (cutShortAt_ != UINT64_MAX && cutShortAt_ >= live->fileOffset + live->fileSize) {
-        bool referenced = false;
-        for (const auto& track : tracks_)
-            if (ChunkOffsetBox* offsets = track->stco())
-                for (uint64_t offset : offsets->offsets) referenced = referenced || offset >= cutShortAt_;
-        if (!referenced) {
+        if (!holdsSamples(cutShortAt_, UINT64_MAX)) {
             if (!truncateFile(cutShortAt_)) return false;
             cutShortAt_ = UINT64_MAX;
             damaged_ = false;
@@ -164,7 +173,8 @@ bool MP4File::placeMoov(const std::vector<uint8_t>& bytes, bool& switched)
     Box* old = moov();
     const uint64_t size = bytes.size();
     FreeRun run;
-    if (findFreeRun(root_, size, run)) {
+    auto holds = [this](uint64_t begin, uint64_t end) { return holdsSamples(begin, end); };
+    if (findFreeRun(root_, size, holds, run)) {
         uint8_t header[8];
         // One free box over the whole run, so the writes below land in its payload.
         const Box& first = *root_.children()[run.first];

@@ -201,6 +201,7 @@ private:
     void checkSampleTables();
     // In-place update (MP4FileUpdate.cpp).
     bool repairLeftovers();
+    bool holdsSamples(uint64_t begin, uint64_t end) const;
     bool retireBox(Box& box);
     bool pinLastBox();
     bool placeMoov(const std::vector<uint8_t>& bytes, bool& switched);
@@ -217,6 +218,8 @@ private:
     bool damagedElsewhere_ = false;
     uint64_t sizeAtOpen_ = 0;
     bool lastBoxPinned_ = false;
+    // Where the samples of the file as opened lie (Modify): never written to.
+    std::vector<std::pair<uint64_t, uint64_t>> liveSamples_;
     RootBox root_;
     std::vector<std::unique_ptr<MP4Track>> tracks_;
 
