@@ -137,7 +137,12 @@ bool MP4File::repairLeftovers()
     // A box cut short after the live moov that no chunk points into: what an
     // interrupted edit appended.
     if (cutShortAt_ != UINT64_MAX && cutShortAt_ >= live->fileOffset + live->fileSize) {
-        if (!holdsSamples(cutShortAt_, UINT64_MAX)) {
+        // A truncated file has chunks there, whose samples run past the end.
+        bool referenced = holdsSamples(cutShortAt_, UINT64_MAX);
+        for (const auto& track : tracks_)
+            if (ChunkOffsetBox* offsets = track->stco())
+                for (uint64_t offset : offsets->offsets) referenced = referenced || offset >= cutShortAt_;
+        if (!referenced) {
             if (!truncateFile(cutShortAt_)) return false;
             cutShortAt_ = UINT64_MAX;
             damaged_ = false;

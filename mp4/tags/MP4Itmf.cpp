@@ -181,10 +181,7 @@ std::vector<uint8_t> MP4ItmfSerializeItems(const MP4ItmfItemList& items)
 {
     ByteWriter out;
     for (const MP4ItmfItem& item : items) {
-        if (item.code.empty()) { // damaged tail kept as read
-            out.bytes(item.raw);
-            continue;
-        }
+        if (item.code.empty()) continue; // a damaged tail goes last, below
         if (!item.raw.empty()) {
             const auto asRead = MP4ItmfParseItem(item.raw);
             if (asRead && asRead->sameContent(item)) {
@@ -194,6 +191,10 @@ std::vector<uint8_t> MP4ItmfSerializeItems(const MP4ItmfItemList& items)
         }
         out.bytes(MP4ItmfEncodeItem(item));
     }
+    // Kept as read, and after every item: one written behind it would be
+    // lost to readers along with it.
+    for (const MP4ItmfItem& item : items)
+        if (item.code.empty()) out.bytes(item.raw);
     return std::move(out.buffer());
 }
 
