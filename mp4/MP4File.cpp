@@ -184,8 +184,8 @@ bool MP4File::parse()
             if (std::any_of(head, head + headSize, [](uint8_t b) { return b != 0; })) {
                 MP4Log(MP4_LOG_ERROR, "invalid atom size: %" PRIu64 " stray bytes at the end", available);
                 damaged_ = true;
-                cutShortAt_ = offset;
             }
+            cutShortAt_ = offset; // zeros are harmless to readers, not to what is appended
             break;
         }
         ByteReader in(head, headSize);

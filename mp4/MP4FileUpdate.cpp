@@ -102,6 +102,7 @@ bool MP4File::pinLastBox()
     // A last box stored with size 0 reaches to the end of the file; give it
     // its size before anything is appended.
     if (lastBoxPinned_ || root_.children().empty()) return true;
+    if (cutShortAt_ != UINT64_MAX) return false; // bytes after the last box that are still in use
     const Box& last = *root_.children().back();
     uint8_t size[4] = {};
     if (!readAt(last.fileOffset, size, 4)) return false;

@@ -10,12 +10,14 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <functional>
 #include <sys/wait.h>
 #include <unistd.h>
 
 using namespace qx::mp4;
+using mp4test::bytesOf;
+using mp4test::streamHash;
+using mp4test::writeBytes;
 
 namespace {
 
@@ -26,23 +28,6 @@ std::vector<uint8_t> movieBytes(const std::string& name, const std::string& flag
                                        "-preset veryfast -metadata title=old " + flags);
     std::string text = qxtest::readFile(path);
     return {text.begin(), text.end()};
-}
-
-void writeBytes(const std::filesystem::path& path, const std::vector<uint8_t>& bytes)
-{
-    std::ofstream(path, std::ios::binary | std::ios::trunc)
-        .write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
-}
-
-std::vector<uint8_t> bytesOf(const std::filesystem::path& path)
-{
-    std::string text = qxtest::readFile(path);
-    return {text.begin(), text.end()};
-}
-
-std::string streamHash(const std::filesystem::path& path)
-{
-    return mp4test::output("ffmpeg -nostdin -v error -i '" + path.string() + "' -map 0 -c copy -f streamhash -");
 }
 
 // Sets the title, and a comment of `commentSize` bytes to make moov grow.
