@@ -248,6 +248,10 @@ void MP4File::checkSampleTables()
             MP4Log(MP4_LOG_ERROR, "invalid atom size: 'stsz' of track %u counts %u samples", track->id(), UINT32_MAX);
             damaged_ = damagedElsewhere_ = true;
         }
+        if (!track->samplesFitInFile()) {
+            MP4Log(MP4_LOG_ERROR, "invalid atom size: samples of track %u lie beyond the end of the file", track->id());
+            damaged_ = damagedElsewhere_ = true;
+        }
         ChunkOffsetBox* offsets = track->stco();
         if (!offsets) continue;
         for (uint64_t offset : offsets->offsets) {

@@ -396,6 +396,12 @@ void MP4Track::buildIndex() const
     }
 }
 
+bool MP4Track::samplesFitInFile() const
+{
+    buildIndex();
+    return sampleOffsets_.size() == sampleCount();
+}
+
 std::vector<std::pair<uint64_t, uint64_t>> MP4Track::sampleRanges() const
 {
     buildIndex();

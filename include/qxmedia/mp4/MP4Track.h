@@ -124,6 +124,8 @@ public:
     bool readSample(uint32_t index, std::vector<uint8_t>& data) const;
     StszBox* stsz() const;
     ChunkOffsetBox* stco() const; // stco or co64
+    // False when the tables place samples beyond the end of the file.
+    bool samplesFitInFile() const;
     // The byte ranges [begin, end) of the file that its samples occupy.
     std::vector<std::pair<uint64_t, uint64_t>> sampleRanges() const;
 
