@@ -393,7 +393,10 @@ bool MP4File::appendMediaData(const uint8_t* data, size_t size, uint64_t& offset
     if (mode_ == Mode::Read || writeFailed_) return false;
     if (mdatOffset_ == 0) {
         // Modify: new samples go into a new mdat at the end of the file.
-        if (!pinLastBox()) return false;
+        if (!pinLastBox()) {
+            writeFailed_ = true; // the samples of this session cannot be placed
+            return false;
+        }
         mdatOffset_ = fileSize_;
         uint8_t header[16] = {0, 0, 0, 1, 'm', 'd', 'a', 't'};
         if (!writeAt(mdatOffset_, header, 16)) return false;

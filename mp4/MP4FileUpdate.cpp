@@ -158,9 +158,10 @@ bool MP4File::repairLeftovers()
 
 bool MP4File::writeMoovModified(uint32_t flags)
 {
-    for (const auto& t : tracks_) t->flushChunk();
+    bool ok = true;
+    for (const auto& t : tracks_) ok = t->flushChunk() && ok;
     finishTracks(flags);
-    bool ok = !writeFailed_;
+    ok = ok && !writeFailed_;
     if (ok && mdatOffset_ != 0) {
         uint8_t size[8];
         writeBE64(size, writePosition_ - mdatOffset_);

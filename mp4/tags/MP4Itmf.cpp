@@ -138,7 +138,10 @@ MP4ItmfItemList MP4ItmfParseItems(std::span<const uint8_t> ilstPayload)
     while (at < ilstPayload.size()) {
         const auto header = readHeader(ilstPayload, at);
         std::optional<MP4ItmfItem> item;
-        if (header) item = MP4ItmfParseItem(ilstPayload.subspan(at, header->size));
+        // An item of size 0 ("to the end") would swallow any item stored after
+        // it; it is kept as a damaged tail instead.
+        const bool openEnded = header && readBE32(ilstPayload.data() + at) == 0;
+        if (header && !openEnded) item = MP4ItmfParseItem(ilstPayload.subspan(at, header->size));
         if (!item) {
             // Padding of zeros at the end of an ilst is harmless and common.
             bool zeros = true;
