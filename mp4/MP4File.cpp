@@ -3,10 +3,12 @@
 #include "qxmedia/mp4/MP4Log.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cinttypes>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,7 +21,22 @@ constexpr uint64_t kLoadLimit = 1 << 20;
 // A moov this big is not a real one.
 constexpr uint64_t kMoovLimit = uint64_t(1) << 30;
 
-bool isFree(FourCC type) { return type == kFree || type == kSkip || type == kWide; }
+// The test seam of failWritesAfter: operations left, negative for no limit.
+std::atomic<int> gWritesLeft {-1};
+std::atomic<bool> gFailPermanently {false};
+
+bool writeAllowed()
+{
+    int left = gWritesLeft.load();
+    if (left < 0) return true;
+    if (left == 0) {
+        if (!gFailPermanently) gWritesLeft = -1;
+        errno = ENOSPC;
+        return false;
+    }
+    gWritesLeft = left - 1;
+    return true;
+}
 
 } // namespace
 
@@ -27,7 +44,15 @@ MP4File::MP4File(const std::filesystem::path& path, Mode mode) : path_(path), mo
 
 MP4File::~MP4File()
 {
-    if (fd_ >= 0) close();
+    if (fd_ < 0) return;
+    if (mode_ == Mode::Modify) abandonEdit();
+    ::close(fd_);
+}
+
+void MP4File::failWritesAfter(int operations, bool permanently)
+{
+    gFailPermanently = permanently;
+    gWritesLeft = operations;
 }
 
 std::unique_ptr<MP4File> MP4File::read(const std::filesystem::path& path)
@@ -40,10 +65,14 @@ std::unique_ptr<MP4File> MP4File::read(const std::filesystem::path& path)
 std::unique_ptr<MP4File> MP4File::modify(const std::filesystem::path& path)
 {
     std::unique_ptr<MP4File> file(new MP4File(path, Mode::Modify));
-    if (!file->open() || !file->parse()) return nullptr;
-    if (file->damaged_) {
+    if (!file->open()) return nullptr;
+    bool usable = file->parse() && file->repairLeftovers();
+    if (usable && file->damaged_) {
         // Writing back a tree that was only partly understood could lose data.
         MP4Log(MP4_LOG_ERROR, "\"%s\" is damaged and is not modified", path.c_str());
+        usable = false;
+    }
+    if (!usable) {
         ::close(file->fd_);
         file->fd_ = -1;
         return nullptr;
@@ -65,6 +94,17 @@ bool MP4File::open()
         MP4Log(MP4_LOG_ERROR, "failed to open \"%s\": %s", path_.c_str(), std::strerror(errno));
         return false;
     }
+    // An editor waits for the one before it; the size is read after that.
+    if (mode_ == Mode::Modify) {
+        int locked;
+        while ((locked = ::flock(fd_, LOCK_EX)) != 0 && errno == EINTR) {}
+        if (locked != 0) {
+            MP4Log(MP4_LOG_ERROR, "failed to lock \"%s\": %s", path_.c_str(), std::strerror(errno));
+            ::close(fd_);
+            fd_ = -1;
+            return false;
+        }
+    }
     struct stat st {};
     if (::fstat(fd_, &st) != 0 || !S_ISREG(st.st_mode)) {
         MP4Log(MP4_LOG_ERROR, "\"%s\" is not a regular file", path_.c_str());
@@ -73,6 +113,7 @@ bool MP4File::open()
         return false;
     }
     fileSize_ = uint64_t(st.st_size);
+    sizeAtOpen_ = fileSize_;
     return true;
 }
 
@@ -94,7 +135,7 @@ bool MP4File::writeAt(uint64_t offset, const void* data, size_t size)
 {
     auto p = static_cast<const uint8_t*>(data);
     while (size > 0) {
-        ssize_t n = ::pwrite(fd_, p, size, off_t(offset));
+        ssize_t n = writeAllowed() ? ::pwrite(fd_, p, size, off_t(offset)) : -1;
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) {
             MP4Log(MP4_LOG_ERROR, "failed to write \"%s\": %s", path_.c_str(), std::strerror(errno));
@@ -109,6 +150,24 @@ bool MP4File::writeAt(uint64_t offset, const void* data, size_t size)
     return true;
 }
 
+bool MP4File::syncFile()
+{
+    if (writeAllowed() && ::fsync(fd_) == 0) return true;
+    MP4Log(MP4_LOG_ERROR, "failed to write \"%s\": %s", path_.c_str(), std::strerror(errno));
+    writeFailed_ = true;
+    return false;
+}
+
+bool MP4File::truncateFile(uint64_t size)
+{
+    if (!writeAllowed() || ::ftruncate(fd_, off_t(size)) != 0) {
+        MP4Log(MP4_LOG_ERROR, "failed to truncate \"%s\": %s", path_.c_str(), std::strerror(errno));
+        return false;
+    }
+    fileSize_ = size;
+    return true;
+}
+
 bool MP4File::parse()
 {
     uint64_t offset = 0;
@@ -118,7 +177,7 @@ bool MP4File::parse()
         size_t headSize = size_t(std::min<uint64_t>(available, 16));
         if (!readAt(offset, head, headSize)) {
             MP4Log(MP4_LOG_ERROR, "failed to read \"%s\" at %" PRIu64, path_.c_str(), offset);
-            damaged_ = true;
+            damaged_ = damagedElsewhere_ = true;
             break;
         }
         if (available < 8) {
@@ -126,12 +185,14 @@ bool MP4File::parse()
                 MP4Log(MP4_LOG_ERROR, "invalid atom size: %" PRIu64 " stray bytes at the end", available);
                 damaged_ = true;
             }
+            cutShortAt_ = offset; // zeros are harmless to readers, not to what is appended
             break;
         }
         ByteReader in(head, headSize);
         BoxParser::Header header;
         if (!BoxParser::readHeader(in, available, offset, header)) {
             damaged_ = true;
+            cutShortAt_ = offset;
             break;
         }
         uint64_t payloadOffset = offset + header.headerSize;
@@ -142,12 +203,12 @@ bool MP4File::parse()
         if (load) {
             std::vector<uint8_t> payload(payloadSize);
             if (!readAt(payloadOffset, payload.data(), payload.size())) {
-                damaged_ = true;
+                damaged_ = damagedElsewhere_ = true;
                 break;
             }
             bool damaged = false;
             box = BoxParser::parsePayload(header.type, 0, ByteReader(payload), payloadOffset, 1, &damaged);
-            damaged_ = damaged_ || damaged;
+            if (damaged) damaged_ = damagedElsewhere_ = true;
         } else {
             auto range = std::make_unique<FileRangeBox>(header.type);
             range->payloadOffset = payloadOffset;
@@ -165,7 +226,42 @@ bool MP4File::parse()
         return false;
     }
     adoptTracks();
+    checkSampleTables();
     return true;
+}
+
+// Counts and offsets that no real file has: the track points outside the file.
+void MP4File::checkSampleTables()
+{
+    for (const auto& track : tracks_) {
+        if (Box* table = track->stbl()) {
+            for (FourCC type : {StszBox::kType, ChunkOffsetBox::kType, ChunkOffsetBox::kType64, StscBox::kType, SttsBox::kType}) {
+                Box* box = table->findChild(type);
+                if (!box || dynamic_cast<FullBox*>(box)) continue;
+                // Fields that did not parse: the counts do not fit the box.
+                MP4Log(MP4_LOG_ERROR, "invalid atom size: '%s' of track %u does not hold what it counts",
+                       fourccString(type).c_str(), track->id());
+                damaged_ = damagedElsewhere_ = true;
+            }
+        }
+        if (StszBox* sizes = track->stsz(); sizes && sizes->sampleCount() == UINT32_MAX) {
+            MP4Log(MP4_LOG_ERROR, "invalid atom size: 'stsz' of track %u counts %u samples", track->id(), UINT32_MAX);
+            damaged_ = damagedElsewhere_ = true;
+        }
+        if (!track->samplesFitInFile()) {
+            MP4Log(MP4_LOG_ERROR, "invalid atom size: samples of track %u lie beyond the end of the file", track->id());
+            damaged_ = damagedElsewhere_ = true;
+        }
+        ChunkOffsetBox* offsets = track->stco();
+        if (!offsets) continue;
+        for (uint64_t offset : offsets->offsets) {
+            if (offset < fileSize_) continue;
+            MP4Log(MP4_LOG_ERROR, "invalid atom size: chunk offset %" PRIu64 " of track %u lies beyond the end of the file (%" PRIu64 " bytes)",
+                   offset, track->id(), fileSize_);
+            damaged_ = damagedElsewhere_ = true;
+            break;
+        }
+    }
 }
 
 void MP4File::adoptTracks()
@@ -297,6 +393,10 @@ bool MP4File::appendMediaData(const uint8_t* data, size_t size, uint64_t& offset
     if (mode_ == Mode::Read || writeFailed_) return false;
     if (mdatOffset_ == 0) {
         // Modify: new samples go into a new mdat at the end of the file.
+        if (!pinLastBox()) {
+            writeFailed_ = true; // the samples of this session cannot be placed
+            return false;
+        }
         mdatOffset_ = fileSize_;
         uint8_t header[16] = {0, 0, 0, 1, 'm', 'd', 'a', 't'};
         if (!writeAt(mdatOffset_, header, 16)) return false;
@@ -398,7 +498,7 @@ bool MP4File::close(uint32_t flags)
         ok = writeMoovCreated(flags);
     else if (mode_ == Mode::Modify)
         ok = writeMoovModified(flags);
-    if (::close(fd_) != 0) ok = false;
+    if (::close(fd_) != 0) ok = false; // also releases the edit lock
     fd_ = -1;
     return ok && !writeFailed_;
 }
@@ -425,49 +525,6 @@ bool MP4File::writeMoovCreated(uint32_t flags)
     std::vector<uint8_t> bytes = moov()->toBytes();
     writeAt(writePosition_, bytes.data(), bytes.size());
     return !writeFailed_;
-}
-
-bool MP4File::writeMoovModified(uint32_t flags)
-{
-    for (const auto& t : tracks_) t->flushChunk();
-    finishTracks(flags);
-    if (mdatOffset_ != 0) {
-        uint8_t size[8];
-        writeBE64(size, writePosition_ - mdatOffset_);
-        writeAt(mdatOffset_ + 8, size, 8);
-    }
-    Box* old = moov();
-    std::vector<uint8_t> bytes = old->toBytes();
-
-    // Room in place: the old moov and the free boxes right around it.
-    const auto& top = root_.children();
-    size_t at = root_.indexOf(old);
-    size_t first = at, last = at;
-    while (first > 0 && isFree(top[first - 1]->type())) --first;
-    while (last + 1 < top.size() && isFree(top[last + 1]->type())) ++last;
-    uint64_t start = top[first]->fileOffset;
-    uint64_t room = top[last]->fileOffset + top[last]->fileSize - start;
-    // Samples appended in this session may lie right after; never overwrite them.
-    if (mdatOffset_ != 0 && mdatOffset_ < start + room) room = mdatOffset_ > start ? mdatOffset_ - start : 0;
-
-    if (bytes.size() == room || bytes.size() + 8 <= room) {
-        if (!writeAt(start, bytes.data(), bytes.size())) return false;
-        uint64_t left = room - bytes.size();
-        if (left >= 8) {
-            uint8_t header[8];
-            writeBE32(header, uint32_t(left));
-            std::memcpy(header + 4, "free", 4);
-            if (!writeAt(start + bytes.size(), header, 8)) return false;
-        }
-        return ::fsync(fd_) == 0;
-    }
-
-    // Append; the old moov is given up only once the new one is on disk.
-    uint64_t end = std::max(fileSize_, writePosition_);
-    if (!writeAt(end, bytes.data(), bytes.size())) return false;
-    if (::fsync(fd_) != 0) return false;
-    if (!writeAt(old->fileOffset + 4, "free", 4)) return false;
-    return ::fsync(fd_) == 0;
 }
 
 } // namespace qx::mp4

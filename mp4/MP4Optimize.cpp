@@ -7,7 +7,9 @@
 #include <cerrno>
 #include <cinttypes>
 #include <cstring>
+#include <cstdlib>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace qx::mp4 {
@@ -69,6 +71,17 @@ bool MP4File::optimize(const std::filesystem::path& source, const std::filesyste
 {
     auto file = read(source);
     if (!file) return false;
+    if (file->damaged()) {
+        // A copy could only hold what was understood: less than the input.
+        MP4Log(MP4_LOG_ERROR, "\"%s\" is damaged and is not rewritten", source.c_str());
+        return false;
+    }
+    struct stat in {}, existing {};
+    if (::fstat(file->fd_, &in) == 0 && ::stat(destination.c_str(), &existing) == 0 && in.st_dev == existing.st_dev &&
+        in.st_ino == existing.st_ino) {
+        MP4Log(MP4_LOG_ERROR, "\"%s\" is the input file itself", destination.c_str());
+        return false;
+    }
     Box* moovBox = file->moov();
     FtypBox* ftypBox = file->ftyp();
 
@@ -116,12 +129,16 @@ bool MP4File::optimize(const std::filesystem::path& source, const std::filesyste
         if (settled) break;
     }
 
-    int in = file->fd_;
-    int out = ::open(destination.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    // Written under a temporary name next to the destination and renamed
+    // when complete: an existing destination stays until then.
+    std::filesystem::path parent = destination.parent_path().empty() ? "." : destination.parent_path();
+    std::string temporary = (parent / ("." + destination.filename().string() + ".XXXXXX")).string();
+    int out = ::mkostemp(temporary.data(), O_CLOEXEC);
     if (out < 0) {
         MP4Log(MP4_LOG_ERROR, "failed to create \"%s\": %s", destination.c_str(), std::strerror(errno));
         return false;
     }
+    ::fchmod(out, 0644);
     uint64_t total = 0;
     for (Box* box : rest) total += box->fileSize;
     uint64_t done = 0;
@@ -130,12 +147,16 @@ bool MP4File::optimize(const std::filesystem::path& source, const std::filesyste
     ok = ok && writeAll(out, moovBytes);
     for (Box* box : rest) {
         if (!ok) break;
-        ok = copyRange(in, box->fileOffset, box->fileSize, out, done, total, progress, shouldCancel);
+        ok = copyRange(file->fd_, box->fileOffset, box->fileSize, out, done, total, progress, shouldCancel);
     }
+    if (ok && ::fsync(out) != 0) ok = false;
     if (::close(out) != 0) ok = false;
+    if (ok && ::rename(temporary.c_str(), destination.c_str()) != 0) {
+        MP4Log(MP4_LOG_ERROR, "failed to create \"%s\": %s", destination.c_str(), std::strerror(errno));
+        ok = false;
+    }
     if (!ok) {
-        std::error_code ignored;
-        std::filesystem::remove(destination, ignored);
+        ::unlink(temporary.c_str());
         if (!(shouldCancel && shouldCancel()))
             MP4Log(MP4_LOG_ERROR, "failed to optimize \"%s\"", source.c_str());
         return false;

@@ -396,6 +396,26 @@ void MP4Track::buildIndex() const
     }
 }
 
+bool MP4Track::samplesFitInFile() const
+{
+    buildIndex();
+    return sampleOffsets_.size() == sampleCount();
+}
+
+std::vector<std::pair<uint64_t, uint64_t>> MP4Track::sampleRanges() const
+{
+    buildIndex();
+    std::vector<std::pair<uint64_t, uint64_t>> ranges;
+    for (uint32_t i = 0; i < sampleOffsets_.size(); ++i) {
+        uint64_t begin = sampleOffsets_[i], end = begin + stsz()->sampleSize(i);
+        if (!ranges.empty() && ranges.back().second == begin)
+            ranges.back().second = end;
+        else if (end > begin)
+            ranges.emplace_back(begin, end);
+    }
+    return ranges;
+}
+
 bool MP4Track::sampleInfo(uint32_t index, SampleInfo& info) const
 {
     buildIndex();

@@ -138,7 +138,10 @@ MP4ItmfItemList MP4ItmfParseItems(std::span<const uint8_t> ilstPayload)
     while (at < ilstPayload.size()) {
         const auto header = readHeader(ilstPayload, at);
         std::optional<MP4ItmfItem> item;
-        if (header) item = MP4ItmfParseItem(ilstPayload.subspan(at, header->size));
+        // An item of size 0 ("to the end") would swallow any item stored after
+        // it; it is kept as a damaged tail instead.
+        const bool openEnded = header && readBE32(ilstPayload.data() + at) == 0;
+        if (header && !openEnded) item = MP4ItmfParseItem(ilstPayload.subspan(at, header->size));
         if (!item) {
             // Padding of zeros at the end of an ilst is harmless and common.
             bool zeros = true;
@@ -181,10 +184,7 @@ std::vector<uint8_t> MP4ItmfSerializeItems(const MP4ItmfItemList& items)
 {
     ByteWriter out;
     for (const MP4ItmfItem& item : items) {
-        if (item.code.empty()) { // damaged tail kept as read
-            out.bytes(item.raw);
-            continue;
-        }
+        if (item.code.empty()) continue; // a damaged tail goes last, below
         if (!item.raw.empty()) {
             const auto asRead = MP4ItmfParseItem(item.raw);
             if (asRead && asRead->sameContent(item)) {
@@ -194,6 +194,10 @@ std::vector<uint8_t> MP4ItmfSerializeItems(const MP4ItmfItemList& items)
         }
         out.bytes(MP4ItmfEncodeItem(item));
     }
+    // Kept as read, and after every item: one written behind it would be
+    // lost to readers along with it.
+    for (const MP4ItmfItem& item : items)
+        if (item.code.empty()) out.bytes(item.raw);
     return std::move(out.buffer());
 }
 

@@ -86,17 +86,6 @@ TEST(MP4Box, TypedBoxesReadAndWriteTheirFields)
     EXPECT_EQ(parsed->toBytes(), bytes);
 }
 
-TEST(MP4Box, LanguageIsPackedAsIso639)
-{
-    MdhdBox mdhd;
-    mdhd.setLanguageCode("fra");
-    EXPECT_EQ(mdhd.language, ((('f' - 0x60) << 10) | (('r' - 0x60) << 5) | ('a' - 0x60)));
-    mdhd.setLanguageCode("x1"); // not a code
-    EXPECT_EQ(mdhd.languageCode(), "und");
-    mdhd.language = 0; // Macintosh English
-    EXPECT_EQ(mdhd.languageCode(), "und");
-}
-
 TEST(MP4Box, SampleTablesAreRunLengthAndPickTheirForm)
 {
     SttsBox stts;
@@ -133,51 +122,6 @@ TEST(MP4Box, SampleTablesAreRunLengthAndPickTheirForm)
     read->append(11);
     EXPECT_EQ(read->sampleSize(1), 10u) << "a constant table turns into a list";
     EXPECT_EQ(read->sampleSize(2), 11u);
-}
-
-TEST(MP4Box, SampleEntriesKeepTheirConfiguration)
-{
-    auto avc1 = std::make_unique<VisualSampleEntry>(fourcc("avc1"));
-    avc1->width = 640;
-    avc1->height = 360;
-    auto avcC = avc1->makeChild<AvcCBox>();
-    avcC->profile = 100;
-    avcC->level = 31;
-    avcC->sps = {{0x67, 0x64, 0x00, 0x1F}};
-    avcC->pps = {{0x68, 0xEE}};
-    auto colr = avc1->makeChild<ColrBox>();
-    colr->fullRangeFlag = true;
-    auto bytes = avc1->toBytes();
-
-    RootBox root;
-    auto wrapped = concat({box("stsd", concat({{0, 0, 0, 0, 0, 0, 0, 1}, bytes}))});
-    ASSERT_TRUE(BoxParser::parseChildren(ByteReader(wrapped), 0, root));
-    auto entry = root.findPath<VisualSampleEntry>("stsd.avc1");
-    ASSERT_NE(entry, nullptr);
-    auto readAvcC = entry->findChild<AvcCBox>();
-    ASSERT_NE(readAvcC, nullptr);
-    EXPECT_EQ(readAvcC->lengthSizeMinusOne, 3);
-    EXPECT_EQ(readAvcC->pps, avcC->pps);
-    EXPECT_EQ(serialise(root), wrapped);
-
-    EsdsBox esds;
-    esds.decoderSpecificInfo = {0x12, 0x10};
-    esds.avgBitrate = 128000;
-    RootBox esdsRoot;
-    BoxParser::parseChildren(ByteReader(esds.toBytes()), 0, esdsRoot);
-    auto readEsds = esdsRoot.findChild<EsdsBox>();
-    ASSERT_NE(readEsds, nullptr);
-    EXPECT_EQ(readEsds->objectTypeIndication, 0x40);
-    EXPECT_EQ(readEsds->decoderSpecificInfo, esds.decoderSpecificInfo);
-
-    Dac3Box dac3;
-    dac3.bsid = 8;
-    dac3.acmod = 7;
-    dac3.lfeon = 1;
-    dac3.bitRateCode = 14;
-    auto d = dac3.toBytes();
-    // fscod 0, bsid 8, bsmod 0, acmod 7, lfeon 1, bit_rate_code 14, reserved 0
-    EXPECT_EQ(std::vector<uint8_t>(d.begin() + 8, d.end()), (std::vector<uint8_t> {0x10, 0x3D, 0xC0}));
 }
 
 TEST(MP4Box, PathsAndTypedLookups)

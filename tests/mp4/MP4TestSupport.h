@@ -12,6 +12,7 @@ extern "C" {
 #include <cstdarg>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -77,6 +78,24 @@ inline std::string output(const std::string& command)
     std::string text;
     qxtest::run(command + " 2>&1", &text);
     return text;
+}
+
+// A hash of every packet as ffmpeg reads it: same samples, same times.
+inline std::string streamHash(const std::filesystem::path& path)
+{
+    return output("ffmpeg -nostdin -v error -i '" + path.string() + "' -map 0 -c copy -f streamhash -");
+}
+
+inline std::vector<uint8_t> bytesOf(const std::filesystem::path& path)
+{
+    std::string text = qxtest::readFile(path);
+    return {text.begin(), text.end()};
+}
+
+inline void writeBytes(const std::filesystem::path& path, const std::vector<uint8_t>& bytes)
+{
+    std::ofstream(path, std::ios::binary | std::ios::trunc)
+        .write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
 }
 
 // What ffmpeg says when decoding the whole file: empty when all is well.

@@ -34,23 +34,6 @@ std::filesystem::path withChapters(const std::string& name, MP4ChapterType type)
 
 } // namespace
 
-TEST(MP4ChapterFiles, ChaptersOfAnFfmpegMovieAreRead)
-{
-    auto file = MP4File::read(taggedMovie());
-    ASSERT_TRUE(file);
-    const std::vector<MP4Chapter> expected {{1500, "Opening"}, {2500, "Middle part"}};
-    std::vector<MP4Chapter> chapters;
-    EXPECT_EQ(MP4GetChapters(*file, chapters), MP4ChapterTypeQt);
-    EXPECT_EQ(chapters, expected);
-    EXPECT_EQ(MP4GetChapters(*file, chapters, MP4ChapterTypeNero), MP4ChapterTypeNero);
-    EXPECT_EQ(chapters, expected);
-
-    auto plain = MP4File::read(plainMovie());
-    ASSERT_TRUE(plain);
-    EXPECT_EQ(MP4GetChapters(*plain, chapters), MP4ChapterTypeNone);
-    EXPECT_TRUE(chapters.empty());
-}
-
 TEST(MP4ChapterFiles, BothFormsAreReadByFfprobe)
 {
     // The last chapter is stretched to the end of the 4 s movie.

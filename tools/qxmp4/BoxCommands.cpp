@@ -48,13 +48,12 @@ int dumpCommand(const Arguments& arguments)
         if (!track->name().empty()) std::cout << ", name \"" << track->name() << "\"";
         std::cout << '\n';
     }
-    return file->damaged() ? 1 : 0;
+    return file->damaged() ? fail("\"" + arguments[0] + "\" is damaged") : 0;
 }
 
 int optimizeCommand(const Arguments& arguments)
 {
     if (arguments.size() != 2) return usage("optimize", "IN OUT");
-    if (arguments[0] == arguments[1]) return fail("the output must be another file");
     if (!MP4File::optimize(arguments[0], arguments[1])) return fail("cannot optimize \"" + arguments[0] + "\"");
     return 0;
 }

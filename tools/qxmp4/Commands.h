@@ -17,7 +17,8 @@ struct Command {
     int (*run)(const Arguments& arguments);
 };
 
-// Prints a message as "qxmp4: <message>" on stderr and returns 1.
+// Prints one line "qxmp4: <message>: <why>" on stderr (why: the first error
+// the MP4 layer reported, if any) and returns 1.
 int fail(const std::string& message);
 // Prints "usage: qxmp4 <name> <usage>" on stderr and returns 2.
 int usage(const char* name, const char* usage);

@@ -223,6 +223,7 @@ int tagsCommand(const Arguments& arguments)
     if (arguments.size() != 1) return usage("tags", "FILE");
     auto file = MP4File::read(arguments[0]);
     if (!file) return fail("cannot read \"" + arguments[0] + "\" as MP4");
+    if (file->damaged()) return fail("\"" + arguments[0] + "\" is damaged");
     const MP4ItmfItemList items = MP4ItmfGetItems(*file);
     MP4Tags tags;
     MP4TagsFetch(tags, items);
@@ -295,6 +296,7 @@ int chaptersCommand(const Arguments& arguments)
     if (arguments.size() != 1) return usage("chapters", "FILE");
     auto file = MP4File::read(arguments[0]);
     if (!file) return fail("cannot read \"" + arguments[0] + "\" as MP4");
+    if (file->damaged()) return fail("\"" + arguments[0] + "\" is damaged");
     std::vector<MP4Chapter> chapters;
     const MP4ChapterType type = MP4GetChapters(*file, chapters);
     const char* typeName = type == MP4ChapterTypeQt ? "qt" : type == MP4ChapterTypeNero ? "nero" : "none";

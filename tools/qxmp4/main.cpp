@@ -8,6 +8,8 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <string>
+#include <vector>
 
 namespace {
 
@@ -20,16 +22,24 @@ const qxmp4::Command kCommands[] = {
     {"chapters", "FILE", "print the chapters as JSON", qxmp4::chaptersCommand},
 };
 
+bool gVerbose = false;
+std::string gReason; // the first error the layer reported
+
+// Every line of the layer with --verbose; otherwise only the first error is
+// kept, as the reason of the one line a failure prints.
 void printLog(int level, const char* format, va_list arguments)
 {
-    std::fputs(level <= qx::mp4::MP4_LOG_ERROR ? "qxmp4: error: " : "qxmp4: warning: ", stderr);
-    std::vfprintf(stderr, format, arguments);
-    std::fputc('\n', stderr);
+    char text[1024];
+    std::vsnprintf(text, sizeof text, format, arguments);
+    if (gVerbose)
+        std::fprintf(stderr, "qxmp4: %s: %s\n", level <= qx::mp4::MP4_LOG_ERROR ? "error" : "note", text);
+    else if (level <= qx::mp4::MP4_LOG_ERROR && gReason.empty())
+        gReason = text;
 }
 
 int help(FILE* to)
 {
-    std::fprintf(to, "usage: qxmp4 COMMAND [ARGUMENTS]\n\ncommands:\n");
+    std::fprintf(to, "usage: qxmp4 [--verbose] COMMAND [ARGUMENTS]\n\ncommands:\n");
     for (const auto& command : kCommands)
         std::fprintf(to, "  %-10s %-24s %s\n", command.name, command.usage, command.summary);
     return to == stdout ? 0 : 2;
@@ -41,7 +51,10 @@ namespace qxmp4 {
 
 int fail(const std::string& message)
 {
-    std::fprintf(stderr, "qxmp4: %s\n", message.c_str());
+    if (gReason.empty() || gVerbose)
+        std::fprintf(stderr, "qxmp4: %s\n", message.c_str());
+    else
+        std::fprintf(stderr, "qxmp4: %s: %s\n", message.c_str(), gReason.c_str());
     return 1;
 }
 
@@ -55,16 +68,21 @@ int usage(const char* name, const char* arguments)
 
 int main(int argc, char** argv)
 {
-    if (argc < 2) return help(stderr);
-    if (!std::strcmp(argv[1], "help") || !std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h"))
-        return help(stdout);
-    qx::mp4::MP4LogSetLevel(qx::mp4::MP4_LOG_WARNING);
+    std::vector<std::string> words;
+    for (int i = 1; i < argc; ++i) {
+        if (!std::strcmp(argv[i], "--verbose") || !std::strcmp(argv[i], "-v"))
+            gVerbose = true;
+        else
+            words.emplace_back(argv[i]);
+    }
+    if (words.empty()) return help(stderr);
+    if (words[0] == "help" || words[0] == "--help" || words[0] == "-h") return help(stdout);
+    qx::mp4::MP4LogSetLevel(gVerbose ? qx::mp4::MP4_LOG_INFO : qx::mp4::MP4_LOG_ERROR);
     qx::mp4::MP4SetLogCallback(printLog);
     for (const auto& command : kCommands) {
-        if (std::strcmp(argv[1], command.name) != 0) continue;
-        qxmp4::Arguments arguments(argv + 2, argv + argc);
-        return command.run(arguments);
+        if (words[0] != command.name) continue;
+        return command.run(qxmp4::Arguments(words.begin() + 1, words.end()));
     }
-    std::fprintf(stderr, "qxmp4: unknown command \"%s\"\n", argv[1]);
+    std::fprintf(stderr, "qxmp4: unknown command \"%s\"\n", words[0].c_str());
     return help(stderr);
 }

@@ -58,12 +58,17 @@ public:
     // MP4 (cannot be opened, or no moov). Damage found while parsing is
     // logged through MP4Log.
     static std::unique_ptr<MP4File> read(const std::filesystem::path& path);
-    // Opens for in-place editing: close() writes the edited moov back.
+    // Opens for in-place editing: close() writes the edited moov back. Holds
+    // an exclusive advisory lock (flock) until closed, so edits of one file
+    // run one after the other. Leftovers of an interrupted edit are cleared
+    // first; a file with any other damage is refused (null).
     static std::unique_ptr<MP4File> modify(const std::filesystem::path& path);
     // Creates (truncates) a file: ftyp, an mdat that samples stream into, moov at close.
     static std::unique_ptr<MP4File> create(const std::filesystem::path& path, const MP4CreateOptions& options = {});
 
-    ~MP4File(); // closes without error reporting if still open
+    // Never writes: an edit not closed is abandoned (what it appended is cut
+    // off again), a created file is left without moov.
+    ~MP4File();
     MP4File(const MP4File&) = delete;
     MP4File& operator=(const MP4File&) = delete;
 
@@ -157,12 +162,20 @@ public:
     // Source metadata of every track, by track id.
     std::map<uint32_t, MP4TrackMetadata> copyTrackMetadata() const;
 
-    // Writes a copy with moov first and chunk offsets shifted. `progress`
-    // gets 0..1; returning false from `shouldCancel` stops (the partial
-    // output is removed). Both may be empty.
+    // Writes a copy with moov first and chunk offsets shifted, under a
+    // temporary name renamed to `destination` when complete. Refuses a
+    // damaged source and a destination that is the source (same device and
+    // inode). `progress` gets 0..1; returning true from `shouldCancel` stops.
+    // Both may be empty.
     static bool optimize(const std::filesystem::path& source, const std::filesystem::path& destination,
                          const std::function<void(double)>& progress = {},
                          const std::function<bool()>& shouldCancel = {});
+
+    // Test seam: the writer performs `operations` more writes, syncs and
+    // truncations, then fails the next one, and every later one when
+    // `permanently` (a killed process: nothing more reaches the file). A
+    // negative count turns it off.
+    static void failWritesAfter(int operations, bool permanently);
 
     // Low-level I/O for the track writer and readers.
     bool readAt(uint64_t offset, void* data, size_t size) const;
@@ -183,12 +196,30 @@ private:
     bool writeMoovModified(uint32_t flags);
     void finishTracks(uint32_t flags);
     bool writeAt(uint64_t offset, const void* data, size_t size);
+    bool syncFile();
+    bool truncateFile(uint64_t size);
+    void checkSampleTables();
+    // In-place update (MP4FileUpdate.cpp).
+    bool repairLeftovers();
+    bool holdsSamples(uint64_t begin, uint64_t end) const;
+    bool retireBox(Box& box);
+    bool pinLastBox();
+    bool placeMoov(const std::vector<uint8_t>& bytes, bool& switched);
+    void abandonEdit();
 
     std::filesystem::path path_;
     Mode mode_;
     int fd_ = -1;
     uint64_t fileSize_ = 0;
     bool damaged_ = false;
+    // Offset of a box cut short at the end of the file (a leftover of an
+    // interrupted edit, or a truncated file); UINT64_MAX if none.
+    uint64_t cutShortAt_ = UINT64_MAX;
+    bool damagedElsewhere_ = false;
+    uint64_t sizeAtOpen_ = 0;
+    bool lastBoxPinned_ = false;
+    // Where the samples of the file as opened lie (Modify): never written to.
+    std::vector<std::pair<uint64_t, uint64_t>> liveSamples_;
     RootBox root_;
     std::vector<std::unique_ptr<MP4Track>> tracks_;
 

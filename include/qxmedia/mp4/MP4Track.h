@@ -122,12 +122,16 @@ public:
     uint32_t sampleCount() const;
     bool sampleInfo(uint32_t index, SampleInfo& info) const; // 0-based
     bool readSample(uint32_t index, std::vector<uint8_t>& data) const;
+    StszBox* stsz() const;
+    ChunkOffsetBox* stco() const; // stco or co64
+    // False when the tables place samples beyond the end of the file.
+    bool samplesFitInFile() const;
+    // The byte ranges [begin, end) of the file that its samples occupy.
+    std::vector<std::pair<uint64_t, uint64_t>> sampleRanges() const;
 
 private:
     void buildIndex() const;
     SttsBox* stts() const;
-    StszBox* stsz() const;
-    ChunkOffsetBox* stco() const;
 
     MP4File& file_;
     Box* trak_;
