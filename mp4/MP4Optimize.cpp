@@ -4,6 +4,7 @@
 
 #include "qxmedia/mp4/MP4Log.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <cstring>
@@ -99,6 +100,21 @@ bool MP4File::optimize(const std::filesystem::path& source, const std::filesyste
                 if (auto offsets = dynamic_cast<ChunkOffsetBox*>(child.get())) tables.push_back(offsets);
     std::vector<std::vector<uint64_t>> original;
     for (auto table : tables) original.push_back(table->offsets);
+
+    // A chunk that does not lie in a box that is copied (it points into
+    // ftyp, moov or free space) would come out as other bytes: damage.
+    for (const auto& offsets : original) {
+        for (uint64_t offset : offsets) {
+            const bool copied = std::any_of(rest.begin(), rest.end(), [offset](const Box* box) {
+                return offset >= box->fileOffset && offset < box->fileOffset + box->fileSize;
+            });
+            if (!copied) {
+                MP4Log(MP4_LOG_ERROR, "\"%s\" is damaged and is not rewritten: a chunk at %llu lies outside the media data",
+                       source.c_str(), static_cast<unsigned long long>(offset));
+                return false;
+            }
+        }
+    }
 
     uint64_t ftypSize = ftypBox ? ftypBox->size() : 0;
     std::vector<uint8_t> moovBytes;
