@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <future>
 #include <optional>
 
@@ -18,6 +19,7 @@
 #include "Report.h"
 #include "qxmedia/job/QXJob.h"
 #include "qxmedia/job/QXPreset.h"
+#include "qxmedia/source/QXDVDTitleSource.h"
 #include "qxmedia/source/QXMovie.h"
 #include "qxmedia/source/QXVideoTrack.h"
 
@@ -30,10 +32,12 @@ struct ConvertArguments {
     std::vector<QXURL> subtitles;
     bool planOnly = false;
     bool jsonProgress = false;
+    int title = 0; // of a DVD folder; 0 when none was asked for
 };
 
 constexpr char kUsage[] =
-    "usage: qxconvert convert FILE... -o OUT.m4v [--preset ID] [--subtitles FILE]... [--plan] [--progress json]\n";
+    "usage: qxconvert convert FILE... -o OUT.m4v [--preset ID] [--subtitles FILE]... [--plan] [--progress json]\n"
+    "       qxconvert convert DVD_FOLDER [--title N] -o OUT.m4v ...\n";
 
 bool isUpdatePreset(const std::string& identifier)
 {
@@ -80,6 +84,12 @@ std::optional<ConvertArguments> parse(const Arguments& arguments, bool fixedPres
             parsed.preset = *found;
         } else if (argument == "--subtitles" && hasValue) {
             parsed.subtitles.emplace_back(arguments[++i]);
+        } else if (argument == "--title" && hasValue) {
+            parsed.title = std::atoi(arguments[++i].c_str());
+            if (parsed.title < 1) {
+                std::fprintf(stderr, "qxconvert: --title takes a title number from 1\n%s", kUsage);
+                return std::nullopt;
+            }
         } else if (argument == "--plan") {
             parsed.planOnly = true;
         } else if (argument == "--progress" && hasValue && arguments[i + 1] == "json") {
@@ -177,6 +187,17 @@ int convert(const ConvertArguments& given)
     if (!subtitlesAreReadable(parsed)) return 1;
     std::vector<QXURL> inputs;
     for (const QXURL& input : parsed.inputs) inputs.push_back(std::filesystem::absolute(input));
+    // A DVD folder (VIDEO_TS or the folder above it) stands for the VOB
+    // files of one of its titles, joined.
+    if (inputs.size() == 1 && std::filesystem::is_directory(inputs.front())) {
+        QXErrorRef titleError;
+        inputs = QXDVDTitleURLs(inputs.front(), parsed.title > 0 ? parsed.title : 1, &titleError);
+        if (inputs.empty()) {
+            report::failure("cannot open title " + std::to_string(parsed.title > 0 ? parsed.title : 1) + " of",
+                            parsed.inputs.front(), titleError);
+            return 1;
+        }
+    }
     auto movie = openMovie(inputs, parsed.inputs.front());
     if (!movie) return 1;
 

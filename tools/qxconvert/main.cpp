@@ -47,7 +47,7 @@ const std::map<std::string, Command>& commands()
         {"read", {"read FILE... [--json]         reads a source through the pipeline, counting samples", runRead}},
         {"presets", {"presets                       the presets convert accepts, with what each makes",
                      runPresets}},
-        {"convert", {"convert FILE... -o OUT.m4v [--preset ID] [--subtitles FILE]... [--plan] [--progress json]\n"
+        {"convert", {"convert FILE...|DVD_FOLDER [--title N] -o OUT.m4v [--preset ID] [--subtitles FILE]... [--plan] [--progress json]\n"
                      "                                converts a source (default preset: Passthrough)",
                      runConvert}},
         {"remux", {"remux FILE... -o OUT.m4v      convert with the Passthrough preset", runRemux}},
