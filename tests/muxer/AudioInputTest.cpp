@@ -1,12 +1,9 @@
 // The audio inputs in real files: copied AAC, AC-3 and E-AC-3 tracks read
 // through the pipeline keep every packet; encoded AAC, AC-3 and E-AC-3
-// decode to the source's length; the Dolby track fields follow the rates,
-// the AAC bit rate stays within what the converter offers.
+// decode to the source's length.
 
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <cstdlib>
 #include <sstream>
 #include <thread>
 
@@ -15,8 +12,6 @@ extern "C" {
 }
 
 #include "MuxerSupport.h"
-#include "qxmedia/muxer/QXMuxerAACInput.h"
-#include "qxmedia/muxer/QXMuxerAC3Input.h"
 #include "qxmedia/muxer/QXMuxerRawAudioInput.h"
 #include "qxmedia/reader/QXSampleBufferChannel.h"
 #include "qxmedia/source/QXAudioTrack.h"
@@ -176,49 +171,6 @@ double seconds(const std::string& entry, const fs::path& file)
     return std::stod(ffprobe("-select_streams a:0 -show_entries " + entry + " -of csv=p=0", file));
 }
 
-std::shared_ptr<QXAudioTrack> plannedTrack(int32_t codec, uint32_t rate, int32_t channels, uint32_t bitrate)
-{
-    auto track = QXAudioTrack::init();
-    track->codec_id = codec;
-    track->sample_rate = rate;
-    track->channels = channels;
-    track->bitrate = bitrate;
-    return track;
-}
-
-// Planar float of a tone, `frames` frames in samples of up to `block`.
-std::vector<CMSampleBufferRef> pcmSamples(int frames, int block, int channels, int32_t rate)
-{
-    std::vector<CMSampleBufferRef> samples;
-    for (int done = 0; done < frames; done += block) {
-        const int count = std::min(block, frames - done);
-        std::vector<float> pcm(size_t(count) * size_t(channels));
-        for (size_t i = 0; i < pcm.size(); ++i) pcm[i] = float(0.3 * std::sin(double(done + int(i) % count) * 0.05));
-        const size_t length = pcm.size() * sizeof(float);
-        CMBlockBufferRef block;
-        CMBlockBufferCreateWithMemoryBlock(nullptr, nullptr, length, nullptr, nullptr, 0, length, 1, &block);
-        CMBlockBufferReplaceDataBytes(pcm.data(), block, 0, length);
-        const CMSampleTimingInfo timing {CMTimeMake(count, rate), CMTimeMake(done, rate), kCMTimeInvalid};
-        CMSampleBufferRef sample;
-        CMSampleBufferCreate(nullptr, block, true, nullptr, nullptr, nullptr, 1, 1, &timing, 0, nullptr, &sample);
-        samples.push_back(sample);
-    }
-    return samples;
-}
-
-// Encodes the samples through the factory's input into `output`.
-bool encodeInto(const fs::path& output, const std::shared_ptr<QXAudioTrack>& track,
-                const std::vector<CMSampleBufferRef>& samples)
-{
-    auto input = QXMuxerInput::initWithSource(QXTrackReaderOutput::initWithSource(track), track, true);
-    if (!input) return false;
-    MuxerRun run(output);
-    run.muxer->addInput(input);
-    if (!run.start()) return false;
-    Feeder feeder(input, samples);
-    return run.waitForCompletion() && run.muxer->status == QXMuxerStatusCompleted;
-}
-
 } // namespace
 
 TEST(AudioInputs, CopiedTracksKeepEveryPacketWithItsDecodedDuration)
@@ -253,61 +205,6 @@ TEST(AudioInputs, CopiedTracksKeepEveryPacketWithItsDecodedDuration)
                     double(c.frameSize) * double(bytes.size()) / seconds("stream=sample_rate", output), 0.001);
         EXPECT_EQ(decodeErrors(output), "");
     }
-}
-
-TEST(AudioInputs, CopiedDolbyTracksGetTheSetupFFmpegWritesForThem)
-{
-    // FFmpeg's own MP4 writer as the reference for dac3 and dec3.
-    const auto dir = qxtest::makeTempDir("audio-dolby-setup");
-    for (const auto& [source, box] : {std::pair {ac3Surround(), "dac3"}, std::pair {ac3Stereo(), "dac3"},
-                                      std::pair {eac3Surround(), "dec3"}}) {
-        SCOPED_TRACE(source.filename().string());
-        const fs::path reference = dir / (source.stem().string() + "-ffmpeg.mp4");
-        ASSERT_EQ(qxtest::run("ffmpeg -y -v error -i '" + source.string() + "' -c copy '" + reference.string() + "'"),
-                  0);
-        const fs::path output = dir / (source.stem().string() + ".m4v");
-        ASSERT_TRUE(muxAudio(source, output, false));
-        EXPECT_FALSE(qxtest::boxPayload(output, box).empty());
-        EXPECT_EQ(qxtest::boxPayload(output, box), qxtest::boxPayload(reference, box));
-    }
-}
-
-TEST(AudioInputs, ACopiedTrackThatStartsLateBeginsWithAnEmptyEdit)
-{
-    auto track = plannedTrack(AV_CODEC_ID_AAC, 48000, 2, 0);
-    track->samples_per_frame = 1024;
-    track->extradata = {0x11, 0x90};
-    auto input = QXMuxerInput::initWithSource(QXTrackReaderOutput::initWithSource(track), track, false);
-    ASSERT_TRUE(std::dynamic_pointer_cast<QXMuxerRawAACInput>(input));
-
-    // Times in milliseconds as a Matroska source has them; durations in the
-    // decoder's rate.
-    std::vector<CMSampleBufferRef> samples;
-    for (int i = 0; i < 5; ++i) {
-        const CMSampleBufferRef made = makeSample(2500 + i * 21, std::nullopt, std::nullopt, 1000, 64);
-        const CMSampleTimingInfo timing {CMTimeMake(1024, 48000), CMTimeMake(2500 + i * 21, 1000), kCMTimeInvalid};
-        CMSampleBufferRef sample;
-        ASSERT_EQ(CMSampleBufferCreateCopyWithNewTiming(nullptr, made, 1, &timing, &sample), 0);
-        samples.push_back(sample);
-    }
-    const auto dir = qxtest::makeTempDir("audio-late");
-    MuxerRun run(dir / "late.m4v");
-    run.muxer->addInput(input);
-    ASSERT_TRUE(run.start());
-    Feeder feeder(input, samples);
-    ASSERT_TRUE(run.waitForCompletion());
-
-    const auto written = samplesOfTrack(dir / "late.m4v", 1);
-    ASSERT_EQ(written.size(), 5u);
-    for (const auto& sample : written) EXPECT_EQ(sample.duration, 1024u);
-    auto file = mp4::MP4File::read(dir / "late.m4v");
-    ASSERT_TRUE(file && file->track(1));
-    const auto edits = file->track(1)->edits();
-    ASSERT_EQ(edits.size(), 2u);
-    EXPECT_EQ(edits[0].mediaTime, -1);
-    EXPECT_EQ(edits[0].segmentDuration, 2500u);
-    EXPECT_EQ(edits[1].mediaTime, 0);
-    EXPECT_EQ(edits[1].segmentDuration, 107u); // 5 x 1024 / 48 kHz
 }
 
 TEST(AudioInputs, EncodedTracksDecodeToTheSourcesLength)
@@ -358,152 +255,5 @@ TEST(AudioInputs, EncodedTracksDecodeToTheSourcesLength)
         const double length = double(int64_t(durations.size()) * c.frameSize - c.priming) / 48000;
         EXPECT_NEAR(length, decodedLength(c.source), double(c.frameSize) / 48000 + 0.005);
         EXPECT_EQ(decodeErrors(output), "");
-    }
-}
-
-TEST(AudioInputs, EncodersPadOnlyAShortLastFrame)
-{
-    struct Case {
-        int32_t codec;
-        int frames;
-        size_t packets;
-    };
-    // AC-3 makes a packet of each frame; AAC has two frames of priming and
-    // gives what its encoder still holds at the end. No PCM, no packets.
-    const Case cases[] = {
-        {AV_CODEC_ID_AC3, 2 * 1536, 2},   {AV_CODEC_ID_AC3, 2 * 1536 + 1, 3}, {AV_CODEC_ID_AAC, 500, 3},
-        {AV_CODEC_ID_AAC, 10 * 1024, 12}, {AV_CODEC_ID_AAC, 10 * 1024 + 1, 13}, {AV_CODEC_ID_AAC, 0, 0},
-    };
-    const auto dir = qxtest::makeTempDir("audio-pad");
-    for (const Case& c : cases) {
-        SCOPED_TRACE(std::to_string(c.codec) + " " + std::to_string(c.frames));
-        const int channels = c.codec == AV_CODEC_ID_AC3 ? 6 : 2;
-        const fs::path output = dir / (std::to_string(c.codec) + "-" + std::to_string(c.frames) + ".m4v");
-        ASSERT_TRUE(encodeInto(output, plannedTrack(c.codec, 48000, channels, 6 * 64000),
-                               pcmSamples(c.frames, 700, channels, 48000)));
-        const auto written = samplesOfTrack(output, 1);
-        EXPECT_EQ(written.size(), c.packets);
-        for (const auto& sample : written) EXPECT_EQ(sample.duration, c.codec == AV_CODEC_ID_AC3 ? 1536u : 1024u);
-        if (c.packets) {
-            EXPECT_EQ(decodeErrors(output), "");
-        }
-    }
-}
-
-TEST(AudioInputs, DolbyTrackFieldsFollowTheRates)
-{
-    struct Case {
-        uint32_t sampleRate, bitRate;
-        uint8_t fscod, bsid, bitRateCode;
-        const char* warning;
-    };
-    const Case cases[] = {
-        {48000, 384000, 0, 8, 14, nullptr},
-        {24000, 192000, 0, 9, 14, nullptr}, // half rates: bsid and bit rates shift alike
-        {44100, 640000, 1, 8, 18, nullptr},
-        {8000, 64000, 2, 10, 12, nullptr},
-        {22000, 384000, 0, 8, 14, "Unknown AC3 samplerate"},
-        {48000, 100000, 0, 8, 0, "Unknown AC3 bitrate"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.sampleRate);
-        qxtest::LogCapture log;
-        const auto fields = QXMuxerAC3Input::trackFields(c.sampleRate, c.bitRate);
-        EXPECT_EQ(fields.fscod, c.fscod);
-        EXPECT_EQ(fields.bsid, c.bsid);
-        EXPECT_EQ(fields.bitRateCode, c.bitRateCode);
-        EXPECT_EQ(log.contains("Unknown AC3", 2), c.warning != nullptr);
-        if (c.warning) {
-            EXPECT_TRUE(log.contains(c.warning, 2));
-        }
-    }
-    EXPECT_EQ(QXMuxerEAC3Input::dec3Payload(640000), (std::array<uint8_t, 6> {0x14, 0x00, 0x20, 0x0F, 0x00, 0x00}));
-    EXPECT_EQ(QXMuxerEAC3Input::dec3Payload(96000), (std::array<uint8_t, 6> {0x03, 0x00, 0x20, 0x0F, 0x00, 0x00}));
-}
-
-TEST(AudioInputs, AnEncoderThatDoesNotOpenStopsTheStart)
-{
-    // FFmpeg's AC-3 encoder takes 32, 44.1 and 48 kHz only.
-    auto track = plannedTrack(AV_CODEC_ID_AC3, 22050, 6, 384000);
-    auto input = QXMuxerInput::initWithSource(QXTrackReaderOutput::initWithSource(track), track, true);
-    const auto dir = qxtest::makeTempDir("audio-refused");
-    MuxerRun run(dir / "refused.m4v");
-    run.muxer->addInput(input);
-    QXErrorRef error;
-    EXPECT_FALSE(run.start(&error));
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->domain(), QXMediaErrorDomain);
-    EXPECT_LT(error->code(), 0);
-    EXPECT_NE(error->code(), -13011);
-    EXPECT_EQ(run.handlerCalls(), 1);
-}
-
-TEST(AudioInputs, TheAACBitRateStaysWithinTheApplicableRates)
-{
-    // Stereo at 48 kHz: 32 to 320 kbit/s.
-    const std::pair<uint32_t, const char*> cases[] = {
-        {8000, "Sanitizing AAC audio bitrate 8000 to 32000"},
-        {900000, "Sanitizing AAC audio bitrate 900000 to 320000"},
-        {128000, nullptr},
-    };
-    const auto dir = qxtest::makeTempDir("aac-rates");
-    std::vector<double> rates;
-    for (const auto& [requested, logged] : cases) {
-        SCOPED_TRACE(requested);
-        qxtest::LogCapture log;
-        const fs::path output = dir / (std::to_string(requested) + ".m4v");
-        ASSERT_TRUE(encodeInto(output, plannedTrack(AV_CODEC_ID_AAC, 48000, 2, requested),
-                               pcmSamples(48000, 4096, 2, 48000)));
-        EXPECT_EQ(log.contains("Sanitizing AAC audio bitrate", 4), logged != nullptr);
-        if (logged) {
-            EXPECT_TRUE(log.contains(logged, 4));
-        }
-        rates.push_back(std::stod(ffprobe("-show_entries stream=bit_rate -of csv=p=0", output)));
-    }
-    // What the encoder makes of a plain tone follows the rate it was given.
-    EXPECT_NEAR(rates[0], 32000, 3200);
-    EXPECT_GT(rates[1], rates[2]);
-    EXPECT_NEAR(rates[2], 128000, 12800);
-}
-
-TEST(AudioInputs, TheAACCookieGivesItsDecoderSpecificInfo)
-{
-    // Version and flags, ES descriptor, decoder config with its 13 fixed
-    // bytes, specific info of two bytes; lengths short or in four bytes.
-    auto cookie = [](bool longLengths, uint8_t configTag) {
-        std::vector<uint8_t> out {0, 0, 0, 0, 0x03};
-        auto length = [&](uint8_t value) {
-            if (longLengths) out.insert(out.end(), {0x80, 0x80, 0x80});
-            out.push_back(value);
-        };
-        length(30);
-        out.insert(out.end(), {0, 1, 0, configTag});
-        length(20);
-        out.insert(out.end(), 13, 0x40);
-        out.push_back(0x05);
-        length(2);
-        out.insert(out.end(), {0x12, 0x10, 0x06, 0x01, 0x02});
-        return out;
-    };
-    const auto shortForm = cookie(false, 0x04), longForm = cookie(true, 0x04), wrongTag = cookie(false, 0x07);
-    struct Case {
-        const std::vector<uint8_t>& bytes;
-        size_t size;
-        bool found;
-    };
-    // A cookie cut short or without a decoder config gives nothing.
-    const Case cases[] = {{shortForm, shortForm.size(), true}, {longForm, longForm.size(), true},
-                          {wrongTag, wrongTag.size(), false}, {longForm, 20, false},
-                          {longForm, longForm.size() - 6, false}};
-    for (const Case& c : cases) {
-        uint8_t* config = nullptr;
-        int size = -1;
-        EXPECT_EQ(ReadESDSDescExt(c.bytes.data(), &config, &size, 1, c.size), 0);
-        EXPECT_EQ(size, c.found ? 2 : 0);
-        EXPECT_EQ(config != nullptr, c.found);
-        if (config) {
-            EXPECT_EQ(std::vector<uint8_t>(config, config + 2), (std::vector<uint8_t> {0x12, 0x10}));
-        }
-        std::free(config);
     }
 }

@@ -1,5 +1,5 @@
-// What the base input does to a track: durations of video samples, edit
-// lists, chunk lengths, and the pull block.
+// What the base input does to a track: durations of video samples and edit
+// lists.
 
 #include <gtest/gtest.h>
 
@@ -92,52 +92,4 @@ TEST(MuxerInputEdits, TheFirstSampleTimeBecomesTheEditList)
     // At zero, or without an offset: none.
     EXPECT_TRUE(edits("zero.m4v", 0).empty());
     EXPECT_TRUE(edits("none.m4v", 24000, false).empty());
-}
-
-TEST(MuxerInputChunks, EveryTrackGetsTheChunkLengthOfTheFirst)
-{
-    auto dir = qxtest::makeTempDir("input-chunks");
-    auto queue = dispatch_queue_create("chunks", DISPATCH_QUEUE_SERIAL);
-    std::shared_ptr<mp4::MP4File> file = mp4::MP4File::create(dir / "a.mp4");
-    auto video = TestInput::make(Kind::Video, 90000);
-    auto audio = TestInput::make(Kind::Audio, 48000);
-    ASSERT_TRUE(video->initWritingToFileHandle(file, queue));
-    ASSERT_TRUE(audio->initWritingToFileHandle(file, queue));
-    // 4.5 frames at 25 fps, and the same 180 ms in the audio's scale.
-    EXPECT_EQ(file->trackDurationPerChunk(1), 16200u);
-    EXPECT_EQ(file->trackDurationPerChunk(2), 8640u);
-
-    // A first video track without a frame rate gets no length rather than a
-    // meaningless one; the same for a first track that is not video.
-    std::shared_ptr<mp4::MP4File> other = mp4::MP4File::create(dir / "b.mp4");
-    auto still = TestInput::make(Kind::Video, 90000);
-    std::static_pointer_cast<QXVideoTrack>(still->destination)->frameRate = {0, 1};
-    ASSERT_TRUE(still->initWritingToFileHandle(other, queue));
-    EXPECT_FALSE(still->tuneTrackDurationPerChunk());
-    audio->destination->trackID = 1;
-    audio->file = other;
-    EXPECT_FALSE(audio->tuneTrackDurationPerChunk());
-}
-
-TEST(MuxerInputLifecycle, ThePullBlockRunsAtTheStartAndAgainAfterWrittenSamples)
-{
-    auto dir = qxtest::makeTempDir("input-pulls");
-    MuxerRun run(dir / "x.m4v");
-    auto input = TestInput::make(Kind::Audio, 48000);
-    std::atomic<int> pulls {0};
-    auto channelQueue = dispatch_queue_create("channel", DISPATCH_QUEUE_SERIAL);
-    input->requestMediaDataWhenReadyOnQueue(channelQueue, [&] { ++pulls; });
-    run.muxer->addInput(input);
-    ASSERT_TRUE(run.start());
-    EXPECT_TRUE(waitUntil([&] { return pulls == 1; }));
-    Feeder(input, {makeSample(0, 0, 1024, 48000), makeSample(1024, 1024, 1024, 48000)}).join();
-    ASSERT_TRUE(run.waitForCompletion());
-    dispatch_sync(channelQueue, [] {});
-    // Once more after the samples were written; requests that come while a
-    // run waits to begin share it.
-    EXPECT_GE(pulls, 2);
-    EXPECT_LE(pulls, 3);
-    input->markAsFinished(); // a second end changes nothing
-    EXPECT_EQ(input->status, QXMuxerInputStatusFinished);
-    EXPECT_EQ(run.handlerCalls(), 1);
 }

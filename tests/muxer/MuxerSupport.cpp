@@ -51,14 +51,14 @@ std::shared_ptr<TestInput> TestInput::make(Kind kind, int32_t timescale)
 bool TestInput::initWritingToFileHandle(QXErrorRef* error)
 {
     uint32_t id = 0;
-    if (!refuse && kind == Kind::Video) {
+    if (kind == Kind::Video) {
         id = file->addH264VideoTrack(uint32_t(timescale), -1, 320, 240, 0x42, 0xc0, 0x0d);
         file->addH264SequenceParameterSet(id, kSPS, sizeof kSPS);
         file->addH264PictureParameterSet(id, kPPS, sizeof kPPS);
-    } else if (!refuse && kind == Kind::Audio) {
+    } else if (kind == Kind::Audio) {
         id = file->addAudioTrack(uint32_t(timescale), -1);
         file->setTrackESConfiguration(id, kAudioSpecificConfig, sizeof kAudioSpecificConfig);
-    } else if (!refuse) {
+    } else {
         id = file->addSubtitleTrack(uint32_t(timescale), 320, 60);
     }
     destination->trackID = int32_t(id);
@@ -122,29 +122,10 @@ bool MuxerRun::waitForCompletion()
     return done_.wait_for(guard, std::chrono::seconds(60), [this] { return calls_ > 0; });
 }
 
-void MuxerRun::onMuxerQueue(const std::function<void()>& block) const
-{
-    dispatch_sync(muxer->serializationQueue, block);
-}
-
-size_t MuxerRun::samplesInWindow() const
-{
-    size_t count = 0;
-    onMuxerQueue([&] { count = size_t(CMBufferQueueGetBufferCount(muxer->outputQueue)); });
-    return count;
-}
-
-CMTime MuxerRun::lastTimestamp(const std::shared_ptr<QXMuxerInput>& input) const
-{
-    CMTime time = kCMTimeInvalid;
-    onMuxerQueue([&] { time = input->lastTimestamp; });
-    return time;
-}
-
 Feeder::Feeder(std::shared_ptr<QXMuxerInput> input, std::vector<CMSampleBufferRef> samples, bool finish)
     : thread_([this, input = std::move(input), samples = std::move(samples), finish] {
           for (const auto& sample : samples) {
-              if (!input->appendSampleBuffer(sample)) refused = true;
+              input->appendSampleBuffer(sample);
               ++appended;
           }
           if (finish) input->markAsFinished();
@@ -195,22 +176,6 @@ bool waitUntil(const std::function<bool()>& condition)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     return true;
-}
-
-std::shared_ptr<QXTrack> makeH264Track(int32_t timescale)
-{
-    auto video = QXVideoTrack::init();
-    video->codec_id = AV_CODEC_ID_H264;
-    video->naturalTimeScale = timescale;
-    video->frameRate = {25, 1};
-    video->width = 320;
-    video->height = 240;
-    video->profile = kSPS[1];
-    video->profile_compat = kSPS[2];
-    video->level = kSPS[3];
-    video->sps = {QXData(std::begin(kSPS), std::end(kSPS))};
-    video->pps = {QXData(std::begin(kPPS), std::end(kPPS))};
-    return video;
 }
 
 CMSampleBufferRef makeSampleWithBytes(const std::vector<uint8_t>& bytes, int64_t pts, int64_t dts, int64_t duration,

@@ -20,7 +20,7 @@ enum class Kind { Video, Audio, Subtitle };
 
 // An input with an H.264 (a real parameter set), AAC or tx3g track; samples
 // come in the track's timescale. It can take `offset` from its first
-// sample, refuse to make its track, or give each sample a chunk of its own
+// sample, or give each sample a chunk of its own
 // (then the file's order is the order of the writes).
 class TestInput : public QXMuxerInput {
 public:
@@ -33,7 +33,6 @@ public:
     Kind kind = Kind::Video;
     int32_t timescale = 1000;
     bool offsetFromFirstSample = false;
-    bool refuse = false;
     bool chunkPerSample = false;
 };
 
@@ -51,10 +50,6 @@ public:
 
     bool start(QXErrorRef* error = nullptr);
     bool waitForCompletion();
-    int handlerCalls() const { return calls_; }
-    void onMuxerQueue(const std::function<void()>& block) const;
-    size_t samplesInWindow() const;
-    qx::CMTime lastTimestamp(const std::shared_ptr<QXMuxerInput>& input) const;
 
     std::shared_ptr<QXMuxer> muxer;
 
@@ -75,7 +70,6 @@ public:
         if (thread_.joinable()) thread_.join();
     }
     std::atomic<size_t> appended {0};
-    std::atomic<bool> refused {false};
 
 private:
     std::thread thread_;
@@ -95,10 +89,6 @@ std::vector<qx::mp4::SampleInfo> samplesOfTrack(const std::filesystem::path& fil
 std::string ffprobe(const std::string& arguments, const std::filesystem::path& file);
 
 bool waitUntil(const std::function<bool()>& condition);
-
-// A destination for copied H.264: 320x240 Baseline with the parameter sets
-// of TestInput's video, times in `timescale`.
-std::shared_ptr<QXTrack> makeH264Track(int32_t timescale);
 
 // A sample holding exactly `bytes`, with times in `timescale`.
 qx::CMSampleBufferRef makeSampleWithBytes(const std::vector<uint8_t>& bytes, int64_t pts, int64_t dts,

@@ -1,5 +1,5 @@
-// The bounded queues between the read loop and the channels: a track's
-// fan-out, an output's two semaphores, and the channel's pump.
+// The bounded queues between the read loop and the channels: a stalled
+// output stalls its track's other outputs.
 
 #include <gtest/gtest.h>
 
@@ -102,75 +102,4 @@ TEST(BackPressure, StalledOutputStallsItsSiblingAfter256)
         for (int k = 0; k < total; ++k) ASSERT_EQ(dts(samples[size_t(k)]).value, k) << "order lost at " << k;
     }
     clearOutputs(track);
-}
-
-TEST(BackPressure, UndrainedOutputHoldsAtMost256FinishedAnd256WaitingSamples)
-{
-    auto track = QXAudioTrack::init();
-    auto output = QXTrackReaderOutput::initWithSource(track);
-    track->addOutput(output);
-    const int total = 1500;
-    Feeder feeder(track, total);
-    // 256 finished, 256 taken for processSample (one of them inside it,
-    // waiting for room), 256 in the track's fan-out (one of them inside it).
-    EXPECT_EQ(waitUntilSteady([&] { return size_t(feeder.fed); }), 3 * 256u);
-
-    for (int k = 0; k < total; ++k) {
-        CMSampleBufferRef sample = output->copyNextSample();
-        ASSERT_TRUE(sample);
-        ASSERT_EQ(dts(sample).value, k);
-    }
-    EXPECT_FALSE(output->copyNextSample());
-    EXPECT_TRUE(output->finished());
-    // After the end the answer is null at once, however often asked.
-    for (int k = 0; k < 5; ++k) EXPECT_FALSE(output->copyNextSample());
-    clearOutputs(track);
-}
-
-TEST(BackPressure, ChannelPumpsEverySampleInOrderAndCompletesOnce)
-{
-    auto track = QXAudioTrack::init();
-    auto output = QXTrackReaderOutput::initWithSource(track);
-    track->addOutput(output);
-    auto input = std::make_shared<CountingInput>();
-    auto channel = QXSampleBufferChannel::initWithReaderOutput(output, input);
-    std::atomic<int> completions {0};
-    auto done = dispatch_semaphore_create(0);
-    channel->startWithDelegate(nullptr, [&] {
-        ++completions;
-        dispatch_semaphore_signal(done);
-    });
-    const int total = 3000;
-    {
-        Feeder feeder(track, total);
-    }
-    ASSERT_EQ(dispatch_semaphore_wait(done, dispatch_time(DISPATCH_TIME_NOW, 60 * NSEC_PER_SEC)), 0);
-    EXPECT_EQ(input->samples, size_t(total));
-    EXPECT_FALSE(input->outOfOrder);
-    EXPECT_EQ(input->ends, 1);
-    EXPECT_EQ(input->finishes, 1);
-
-    // A cancel after the natural end calls nothing again.
-    channel->cancel();
-    dispatch_sync(channel->serializationQueue, [] {});
-    EXPECT_EQ(completions, 1);
-    EXPECT_EQ(input->finishes, 1);
-    clearOutputs(track);
-}
-
-TEST(BackPressure, CancelledChannelCompletesWithoutTheEnd)
-{
-    auto track = QXAudioTrack::init();
-    auto output = QXTrackReaderOutput::initWithSource(track);
-    auto input = std::make_shared<CountingInput>();
-    auto channel = QXSampleBufferChannel::initWithReaderOutput(output, input);
-    std::atomic<int> completions {0};
-    // The pump waits in copyNextSample; the cancels queue behind it.
-    channel->startWithDelegate(nullptr, [&] { ++completions; });
-    channel->cancel();
-    channel->cancel();
-    output->outputSample(nullptr);
-    EXPECT_TRUE(waitUntil([&] { return completions == 1 && input->finishes == 1; }));
-    dispatch_sync(channel->serializationQueue, [] {});
-    EXPECT_EQ(completions, 1);
 }

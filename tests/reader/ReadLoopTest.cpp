@@ -1,5 +1,5 @@
-// The read loop on real files: pause and resume, cancel, the packet size
-// limit, and jumps of a transport stream's timeline.
+// The read loop on real files: the packet size limit, read errors, shared
+// packet buffers, and jumps of a transport stream's timeline.
 
 #include <gtest/gtest.h>
 
@@ -72,55 +72,6 @@ size_t countLines(const qxtest::LogCapture& log, const std::string& fragment)
 }
 
 } // namespace
-
-TEST(ReadLoop, PauseHoldsTheLoopAndResumeLosesNothing)
-{
-    const auto path = readermedia::longMatroska();
-    const auto expected = ffprobePacketCounts(path);
-    Reading reading(path, false);
-    ASSERT_TRUE(reading.movie);
-    ASSERT_EQ(reading.outputs.size(), expected.size());
-    ASSERT_TRUE(reading.movie->startReading());
-
-    // The closed video output fills its queues and the loop blocks there.
-    waitUntilSteady([&] { return reading.total(); });
-    reading.movie->togglePause();
-    EXPECT_TRUE(reading.movie->isPaused);
-    // What was in flight drains; then the loop waits at its pause gate.
-    reading.outputs[0]->open();
-    const size_t held = waitUntilSteady([&] { return reading.total(); });
-    EXPECT_LT(held, std::accumulate(expected.begin(), expected.end(), size_t(0)));
-    EXPECT_EQ(reading.movie->status, QXMovieStatusReading);
-    for (const auto& output : reading.outputs) EXPECT_FALSE(output->ended());
-
-    reading.movie->togglePause();
-    EXPECT_FALSE(reading.movie->isPaused);
-    ASSERT_TRUE(reading.waitForEnd());
-    EXPECT_EQ(reading.movie->status, QXMovieStatusFinished);
-    for (size_t i = 0; i < expected.size(); ++i) EXPECT_EQ(reading.outputs[i]->count(), expected[i]) << "stream " << i;
-}
-
-TEST(ReadLoop, CancelOfAPausedMovieEndsTheLoopOnceResumed)
-{
-    const auto path = readermedia::longMatroska();
-    const auto expected = ffprobePacketCounts(path);
-    Reading reading(path, false);
-    ASSERT_TRUE(reading.movie);
-    ASSERT_TRUE(reading.movie->startReading());
-    waitUntilSteady([&] { return reading.total(); });
-    reading.movie->togglePause();
-
-    // The order a job uses: resume, then cancel.
-    reading.movie->togglePause();
-    reading.movie->cancelReading();
-    reading.outputs[0]->open();
-    ASSERT_TRUE(reading.waitForEnd()) << "every track gets its end after a cancel";
-    EXPECT_EQ(reading.movie->status, QXMovieStatusCancelled);
-    EXPECT_LT(reading.outputs[0]->count(), expected[0]);
-    // A cancelled movie stays cancelled and cannot be paused.
-    reading.movie->togglePause();
-    EXPECT_FALSE(reading.movie->isPaused);
-}
 
 TEST(ReadLoop, PacketsOf32MiBAndMoreAreDropped)
 {
@@ -278,21 +229,4 @@ TEST(ReadLoop, ElevenFailedReadsAreReadPastAndAnInputErrorThenEndsKeepingWhatWas
         EXPECT_EQ(reading.outputs[i]->count(), firstPart[i]) << "stream " << i;
         EXPECT_TRUE(reading.outputs[i]->ended());
     }
-}
-
-TEST(ReadLoop, ErrorBudgetToleratesElevenFailuresAndWaitsOutABusySource)
-{
-    const int io = AVERROR(EIO);
-    const int invalid = AVERROR_INVALIDDATA;
-    const int busy = AVERROR(EAGAIN);
-    using Answer = QXReadErrorBudget::Answer;
-
-    QXReadErrorBudget budget;
-    for (int i = 0; i < 30; ++i) EXPECT_EQ(budget.answer(busy), Answer::RetryAfterPause) << "not counted";
-    for (int i = 0; i < QXReadErrorBudget::kTolerated; ++i) EXPECT_EQ(budget.answer(i % 2 ? io : invalid), Answer::Retry);
-    EXPECT_EQ(budget.failures(), QXReadErrorBudget::kTolerated);
-    // Spent: what ends the read depends on the failure.
-    EXPECT_EQ(budget.answer(io), Answer::StopKeepingRead);
-    EXPECT_EQ(budget.answer(invalid), Answer::Fail);
-    EXPECT_EQ(budget.answer(busy), Answer::Fail) << "a busy source is no longer waited for";
 }

@@ -138,12 +138,6 @@ std::filesystem::path videoJump(int jumpMs)
                   {part("reader-video-0.ts", "0"), part("reader-video-" + offset + ".ts", offset)});
 }
 
-std::filesystem::path longMatroska()
-{
-    return qxtest::generate("reader-long.mkv", "-f lavfi -i testsrc2=size=64x36:rate=50:duration=20 " + kTone +
-                                                   ":duration=20" + kH264 + " -c:a aac");
-}
-
 std::filesystem::path rawFrame(long bytes)
 {
     // 4096 x 2048 RGBA is 2^25 bytes; 1801 x 18631 grey is one byte less

@@ -32,9 +32,6 @@ std::filesystem::path jumpingTransportStreamStraggler();
 // Video only, as a transport stream: 1 s from 1.4 s, then 1 s more whose
 // first decode time lies `jumpMs` (900 or 1000) after the last of the first.
 std::filesystem::path videoJump(int jumpMs);
-// Matroska: 20 s of 50 fps H.264 and AAC, small pictures; long enough to
-// fill the pipeline's queues.
-std::filesystem::path longMatroska();
 // NUT with one raw video frame of exactly `bytes` bytes (33554432 or
 // 33554431).
 std::filesystem::path rawFrame(long bytes);

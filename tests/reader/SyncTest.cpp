@@ -1,6 +1,5 @@
-// The timeline sync: how the start is settled between channels that arrive
-// at different moments, how audio is kept gapless, how video frames that do
-// not advance are dropped, and when held subtitles leave.
+// The timeline sync: how audio is kept gapless and when held subtitles
+// leave.
 
 #include <gtest/gtest.h>
 
@@ -157,50 +156,6 @@ void feedAudio(QXSync& sync, Lane& audio, std::initializer_list<int64_t> startsM
 
 } // namespace
 
-TEST(Sync, VideoSettlesTheStartAndWakesWaitingAudioAtOnce)
-{
-    qxtest::LogCapture log;
-    auto sync = QXSync::init();
-    Lane video = videoLane(), audio = audioLane();
-    std::thread audioChannel([&] { sync->processSample(at(1000, 32), *audio.output, audio.input); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    const auto before = std::chrono::steady_clock::now();
-    sync->processSample(at(1000), *video.output, video.input);
-    audioChannel.join();
-    EXPECT_LT(std::chrono::steady_clock::now() - before, QXSync::kOffsetWait) << "woken by the video, not the time-out";
-    EXPECT_EQ(seconds(sync->ptsOffset()), 1.0);
-    EXPECT_FALSE(log.contains("sync: using pts offset from audio"));
-    ASSERT_EQ(audio.input->samples().size(), 1u);
-    EXPECT_EQ(seconds(pts(audio.input->samples()[0])), 0.0) << "audio at the video's start is at zero";
-}
-
-TEST(Sync, WithoutVideoTheEarliestTimeSeenStartsTheOutput)
-{
-    qxtest::LogCapture log;
-    auto sync = QXSync::init();
-    Lane video = videoLane(), audio = audioLane(), subtitle = subtitleLane();
-    // The video starts two seconds after the audio and comes late.
-    sync->processSample(at(500, 32), *audio.output, audio.input);
-    EXPECT_TRUE(log.contains("sync: using pts offset from audio: {500/1000"));
-    EXPECT_EQ(seconds(sync->ptsOffset()), 0.5);
-    sync->processSample(at(2500), *video.output, video.input);
-    sync->processSample(at(2540), *video.output, video.input);
-    EXPECT_TRUE(log.contains("sync: first pts is {2500/1000"));
-    ASSERT_EQ(video.input->samples().size(), 1u);
-    EXPECT_EQ(seconds(pts(video.input->samples()[0])), 2.0) << "the first frame keeps its distance from the start";
-
-    // A subtitle sample that came before any start waits in vain (and is
-    // held for video that may still come).
-    auto lonely = QXSync::init();
-    EXPECT_TRUE(lonely->processSample(at(100, 1000), *subtitle.output, subtitle.input));
-    EXPECT_TRUE(log.contains("sync: not woken for:"));
-    EXPECT_FALSE(CMTIME_IS_VALID(lonely->ptsOffset()));
-    // The end of a track passes without waiting.
-    const auto before = std::chrono::steady_clock::now();
-    EXPECT_TRUE(lonely->processSample(nullptr, *audio.output, audio.input));
-    EXPECT_LT(std::chrono::steady_clock::now() - before, QXSync::kOffsetWait);
-}
-
 TEST(Sync, AudioIsAGaplessChainThatDropsLateSamplesAndFillsGaps)
 {
     Lane video = videoLane();
@@ -247,56 +202,6 @@ TEST(Sync, AudioIsAGaplessChainThatDropsLateSamplesAndFillsGaps)
         EXPECT_EQ(samples.size(), 5u) << "0, then 100 ms filled by three copies, then the sample";
         EXPECT_TRUE(log.contains("sync: duplicating"));
     }
-}
-
-TEST(Sync, FirstAudioSampleLateStartsWithSilenceOnlyWhereSilenceCanBeMade)
-{
-    Lane video = videoLane();
-    auto sync = settledSync(video);
-    qxtest::LogCapture log;
-    Lane silent = audioLane(32);
-    feedAudio(*sync, silent, {1000});
-    EXPECT_EQ(silent.input->samples().size(), 32u) << "31 silent samples (8 ms left), then the sample at 0.992 s";
-    EXPECT_EQ(seconds(pts(silent.input->samples()[0])), 0.0);
-
-    Lane plain = audioLane();
-    feedAudio(*sync, plain, {1000});
-    ASSERT_EQ(plain.input->samples().size(), 1u);
-    EXPECT_EQ(seconds(pts(plain.input->samples()[0])), 1.0);
-    EXPECT_TRUE(log.contains("start {1000/1000"));
-}
-
-TEST(Sync, VideoLeavesOneFrameLateAndDropsFramesThatDoNotAdvance)
-{
-    qxtest::LogCapture log;
-    Lane video = videoLane();
-    auto sync = QXSync::init();
-    for (int64_t t : {1000, 1040, 1040, 1080}) sync->processSample(at(t), *video.output, video.input);
-    EXPECT_EQ(ptsOf(video.input->samples()), (std::vector<double> {0, 0.04})) << "the repeated 1.04 s frame is gone";
-    EXPECT_TRUE(log.contains("sync: video time didn't advance - dropped 1 frames"));
-    EXPECT_EQ(video.output->drop_count, 0u);
-
-    // The last frame without a duration gets the track's frame spacing.
-    sync->processSample(at(1120, 0), *video.output, video.input);
-    sync->processSample(nullptr, *video.output, video.input);
-    const auto samples = video.input->samples();
-    ASSERT_EQ(samples.size(), 4u);
-    EXPECT_EQ(seconds(CMSampleBufferGetDuration(samples.back())), 0.04);
-    EXPECT_TRUE(log.contains("sync: invalid video duration for last sample"));
-    EXPECT_FALSE(video.output->cur);
-
-    // A track of one frame: it leaves with the end.
-    Lane single = videoLane();
-    sync->processSample(at(2000), *single.output, single.input);
-    EXPECT_TRUE(single.input->samples().empty());
-    sync->processSample(nullptr, *single.output, single.input);
-    EXPECT_EQ(single.input->samples().size(), 1u);
-
-    // A refusing input stops the channel with the frame it refused.
-    Lane refused = videoLane();
-    refused.input->accept = false;
-    EXPECT_TRUE(sync->processSample(at(3000), *refused.output, refused.input));
-    EXPECT_FALSE(sync->processSample(at(3040), *refused.output, refused.input));
 }
 
 TEST(Sync, SubtitleLeavesWithTheFrameThatReachesItsTime)
