@@ -125,7 +125,7 @@ bool MuxerRun::waitForCompletion()
 Feeder::Feeder(std::shared_ptr<QXMuxerInput> input, std::vector<CMSampleBufferRef> samples, bool finish)
     : thread_([this, input = std::move(input), samples = std::move(samples), finish] {
           for (const auto& sample : samples) {
-              input->appendSampleBuffer(sample);
+              if (!input->appendSampleBuffer(sample)) refused = true;
               ++appended;
           }
           if (finish) input->markAsFinished();

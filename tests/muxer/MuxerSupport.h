@@ -50,6 +50,7 @@ public:
 
     bool start(QXErrorRef* error = nullptr);
     bool waitForCompletion();
+    int handlerCalls() const { return calls_; }
 
     std::shared_ptr<QXMuxer> muxer;
 
@@ -70,6 +71,7 @@ public:
         if (thread_.joinable()) thread_.join();
     }
     std::atomic<size_t> appended {0};
+    std::atomic<bool> refused {false};
 
 private:
     std::thread thread_;

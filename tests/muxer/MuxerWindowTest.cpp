@@ -110,3 +110,41 @@ TEST(MuxerWindow, NoMoreThanTenSamplesWaitInEachHop)
     EXPECT_EQ(samplesOfTrack(dir / "x.m4v", 1).size(), 100u);
     EXPECT_EQ(samplesOfTrack(dir / "x.m4v", 2).size(), 187u);
 }
+
+// The disk fills: the test binary runs the next test in a child whose files
+// may not grow past 1 MiB, with SIGXFSZ ignored so that writes fail.
+TEST(MuxerWriteFailure, AFullDiskFailsTheRunOnce)
+{
+    const std::string self = fs::read_symlink("/proc/self/exe").string();
+    std::string output;
+    const int status = qxtest::run("bash -c \"trap '' XFSZ; ulimit -f 1024; QX_MUXER_SMALL_DISK=1 exec '" + self +
+                                       "' --gtest_filter=MuxerWriteFailure.OnASmallDisk\" 2>&1",
+                                   &output);
+    EXPECT_EQ(status, 0) << output;
+    EXPECT_NE(output.find("[       OK ] MuxerWriteFailure.OnASmallDisk"), std::string::npos) << output;
+}
+
+TEST(MuxerWriteFailure, OnASmallDisk)
+{
+    if (!std::getenv("QX_MUXER_SMALL_DISK")) GTEST_SKIP() << "runs in the child of AFullDiskFailsTheRunOnce";
+    auto dir = qxtest::makeTempDir("window-full");
+    qxtest::LogCapture log;
+    MuxerRun run(dir / "x.m4v");
+    auto video = TestInput::make(Kind::Video, 90000);
+    auto audio = TestInput::make(Kind::Audio, 48000);
+    run.muxer->addInput(video);
+    run.muxer->addInput(audio);
+    ASSERT_TRUE(run.start());
+    Feeder feedVideo(video, videoSamples(20, 0, 20000)); // 10 MB
+    Feeder feedAudio(audio, audioSamples(20));
+    ASSERT_TRUE(run.waitForCompletion());
+    feedVideo.join();
+    feedAudio.join();
+    EXPECT_EQ(run.muxer->status, QXMuxerStatusFailed);
+    ASSERT_TRUE(run.muxer->error);
+    EXPECT_EQ(run.muxer->error->code(), -11807);
+    EXPECT_TRUE(log.contains("Writing failed because Disk is Full", QXLogFlagError));
+    EXPECT_TRUE(feedVideo.refused || feedAudio.refused); // the inputs learn of it from their appends
+    EXPECT_EQ(run.handlerCalls(), 1);
+    EXPECT_EQ(run.muxer->handle, nullptr);
+}
