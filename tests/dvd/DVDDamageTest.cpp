@@ -76,9 +76,6 @@ TEST_F(DVDDamage, TitleSetFaultsAreLoggedAndRepaired)
         {"nine audio streams", [](Bytes& b) { put16(b, 514, 9); },
          "The number of audio streams cannot be greater than 8.", 2,
          [](auto& t) { return t.audioAttributes.size() == 8; }},
-        {"33 subpicture streams", [](Bytes& b) { put16(b, 596, 33); },
-         "The number of subpicture streams cannot be greater than 32.", 2,
-         [](auto& t) { return t.subpictureAttributes.size() == 32; }},
         {"truncated inside the chain table", [](Bytes& b) { b.resize(2 * kDVDSectorSize + 100); },
          "Program Chain Information Table Size Error", 0,
          [](auto& t) { return t.programChainInformationTable.empty() && !t.partOfTitleSearchTable.empty(); }},
@@ -87,8 +84,6 @@ TEST_F(DVDDamage, TitleSetFaultsAreLoggedAndRepaired)
              put32(b, 28, 0xffff);
              put32(b, 204, 0x1000);
          },
-         "Program Chain Information Table Size Error", 0, nullptr},
-        {"table longer than the file", [](Bytes& b) { put32(b, size_t(get32(b, 204)) * kDVDSectorSize + 4, 0xfffff); },
          "Program Chain Information Table Size Error", 0, nullptr},
         {"table sector above the bound", [](Bytes& b) { put32(b, 204, get32(b, 28) + 2); }, "", 0,
          [](auto& t) { return t.programChainInformationTable.empty(); }},
@@ -142,9 +137,6 @@ TEST_F(DVDDamage, MenuFaultsAreLoggedAndRepaired)
         {"title set signature", [](Bytes& b) { std::copy_n("DVDVIDEO-VTS", 12, b.begin()); },
          "Invalid signature in the Video MainMenu Information (.IFO) data.",
          [](auto& m) { return m.titleTrackSearchPointerTable.size() == 2; }},
-        {"side 3", [](Bytes& b) { b.at(42) = 3; }, "The disc side must be 1 or 2.", [](auto& m) { return m.side == 1; }},
-        {"zero volumes", [](Bytes& b) { put16(b, 38, 0); }, "The number of volumes cannot be zero.",
-         [](auto& m) { return m.numberOfVolumes == 1; }},
         {"volume 5 of 2",
          [](Bytes& b) {
              put16(b, 38, 2);
@@ -157,8 +149,6 @@ TEST_F(DVDDamage, MenuFaultsAreLoggedAndRepaired)
          [](auto& m) { return m.titleTrackSearchPointerTable.size() == 99; }},
         {"wrong table length", [](Bytes& b) { put32(b, size_t(get32(b, 196)) * kDVDSectorSize + 4, 500); },
          "Corrected last_byte (was 500, is now 31)", [](auto& m) { return m.titleTrackSearchPointerTable.size() == 2; }},
-        {"first play too early", [](Bytes& b) { put32(b, 132, 100); },
-         "The offset of the first-play program chain must be greater than or equal to 512.", nullptr},
         {"first play past the header", [](Bytes& b) { put32(b, 132, 0x7fffffff); },
          "The offset of the first-play program chain must be less than the length of the VMGI header.",
          [](auto& m) { return !m.firstPlayProgramChain; }},
@@ -199,15 +189,6 @@ TEST_F(DVDDamage, EveryTruncationOpens)
     }
 }
 
-TEST(DVDFiles, MissingFileFailsWithTheReadError)
-{
-    QXErrorRef error;
-    EXPECT_FALSE(QXMainMenuInformation::initWithURL("/nonexistent/VIDEO_TS.IFO", &error));
-    ASSERT_TRUE(error);
-    EXPECT_EQ(std::string(error->domain()), NSCocoaErrorDomain);
-    EXPECT_EQ(error->code(), 260);
-}
-
 // A program chain of `cells` cells of `cellSeconds` each, whose programs
 // start at the cells in `programMap` (numbered from 1).
 Bytes makeChain(const Bytes& programMap, size_t cells, uint8_t cellSeconds, uint8_t frameByte = 0x40)
@@ -239,8 +220,6 @@ TEST(DVDProgramChain, ProgramsStartAtTheCellsTheirMapNames)
         bool logged;
     } cases[] = {
         {"one cell per program", {1, 2, 3}, 3, {2000, 4000}, 3, false},
-        {"two cells per program", {1, 3}, 4, {4000}, 2, false},
-        {"one program", {1}, 3, {}, 1, false},
         {"more programs than cells", {1, 2, 3}, 2, {2000}, 2, true},
         {"no programs", {}, 0, {}, 0, false},
     };

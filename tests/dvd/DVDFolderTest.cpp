@@ -1,16 +1,11 @@
 // DVD folders made by dvdauthor, read by the project and by lsdvd: titles,
-// lengths, chapter starts and stream languages must agree within the
-// rounding of DVD times; a title opens as a source with its tags and
-// chapters.
+// lengths, chapter starts and stream languages agree within the rounding of
+// DVD times.
 
 #include <gtest/gtest.h>
 
 #include "DVDMedia.h"
 #include "qxmedia/dvd/QXDVDFolder.h"
-#include "qxmedia/metadata/QXMetaData.h"
-#include "qxmedia/source/QXChapterTrack.h"
-#include "qxmedia/source/QXDVDTitleSource.h"
-#include "qxmedia/source/QXMovie.h"
 #include "support/TestMedia.h"
 
 namespace {
@@ -58,69 +53,5 @@ TEST_P(DVDFolderAgainstLsdvd, TitlesChaptersAndLanguagesAgree)
 }
 
 INSTANTIATE_TEST_SUITE_P(Folders, DVDFolderAgainstLsdvd, testing::Values("pal", "ntsc"));
-
-TEST(DVDTitleSource, TitleOpensWithTagsAndChaptersOfItsTitleSet)
-{
-    const auto folder = requireFolder("pal");
-    if (folder.empty()) GTEST_SKIP() << "DVD tools missing";
-    const auto expected = dvdtest::lsdvdTitles(folder);
-    ASSERT_EQ(expected.size(), 2u);
-
-    for (int number : {1, 2}) {
-        SCOPED_TRACE("title " + std::to_string(number));
-        QXErrorRef error;
-        auto movie = QXMovieWithDVDTitle(folder, number, &error);
-        ASSERT_TRUE(movie) << (error ? error->description() : "");
-        char vob[32];
-        std::snprintf(vob, sizeof vob, "VTS_%02d_1.VOB", number);
-        EXPECT_EQ(movie->fileURL.filename(), vob);
-        EXPECT_EQ(movie->metadata->discNumber, 1u);
-        EXPECT_EQ(movie->metadata->discCount, 1u);
-        EXPECT_EQ(movie->metadata->episodeNumber, uint64_t(number));
-        const std::string name = movie->metadata->name.get() ? *movie->metadata->name.get() : "";
-        EXPECT_FALSE(name.empty());
-        EXPECT_EQ(movie->metadata->shortDescription.get() ? *movie->metadata->shortDescription.get() : "",
-                  name + " - Title " + std::to_string(number));
-
-        ASSERT_TRUE(movie->chapters);
-        const auto& chapters = movie->chapters->chapters;
-        const auto& starts = expected[number - 1].chapterStarts;
-        ASSERT_EQ(chapters.size(), starts.size());
-        for (size_t c = 0; c < chapters.size(); ++c) {
-            EXPECT_EQ(chapters[c]->title.value_or(""), "Chapter " + std::to_string(c + 1));
-            EXPECT_NEAR(qx::CMTimeGetSeconds(chapters[c]->timestamp) * 1000, double(starts[c]), kFrameTolerance);
-        }
-    }
-}
-
-TEST(DVDTitleSource, UnknownTitleOrFolderGivesAnError)
-{
-    const auto folder = requireFolder("pal");
-    if (folder.empty()) GTEST_SKIP() << "DVD tools missing";
-    const struct {
-        std::filesystem::path folder;
-        int title;
-    } cases[] = {{folder, 3}, {folder, 0}, {folder / "missing", 1}};
-    for (const auto& c : cases) {
-        QXErrorRef error;
-        EXPECT_FALSE(QXMovieWithDVDTitle(c.folder, c.title, &error)) << c.folder << " " << c.title;
-        EXPECT_TRUE(error);
-    }
-}
-
-TEST(DVDTitleSource, InfoToolListsTheTitles)
-{
-    const auto folder = requireFolder("pal");
-    if (folder.empty()) GTEST_SKIP() << "DVD tools missing";
-    std::error_code failed;
-    const auto tool = std::filesystem::read_symlink("/proc/self/exe", failed).parent_path().parent_path() / "tools" /
-                      "qxconvert";
-    if (!std::filesystem::exists(tool)) GTEST_SKIP() << "build the qxconvert target first";
-    std::string output;
-    ASSERT_EQ(qxtest::run("'" + tool.string() + "' info '" + folder.string() + "' 2>/dev/null", &output), 0);
-    EXPECT_NE(output.find("Title 2: 00:00:07.000, 2 chapters"), std::string::npos) << output;
-    EXPECT_NE(output.find("audio: en, de"), std::string::npos) << output;
-    EXPECT_NE(output.find("subpictures: fr"), std::string::npos) << output;
-}
 
 } // namespace

@@ -4,7 +4,6 @@
 
 extern "C" {
 #include <libavcodec/codec_id.h>
-#include <libavformat/avformat.h>
 }
 
 #include "qxmedia/job/QXPreset.h"
@@ -53,10 +52,8 @@ void expectPicture(const char* what, const Picture& got, const Picture& want)
 
 } // namespace
 
-// What each kind of preset makes of a source picture: presets that keep
-// the sample aspect are limited by the box's width only, keep the shape on
-// display and give even sizes; the iPod preset scales with square pixels
-// from the display size.
+// Presets that keep the sample aspect are limited by the box's width only;
+// the iPod preset scales with square pixels from the display size.
 TEST(PresetPicture, SizesAndAspectsForEachKindOfSource)
 {
     struct Row {
@@ -101,88 +98,4 @@ TEST(PresetPicture, SizesAndAspectsForEachKindOfSource)
     EXPECT_LE(odd.sarHeight, 0x10000u);
     EXPECT_NEAR(double(odd.sarWidth) / odd.sarHeight, 248751.0 / 249500.0, 1e-7);
     EXPECT_NEAR(odd.displayWidth, 998 * 248751.0 / 249500.0, 1e-3);
-
-    uint32_t t = 0;
-    QXPreset::initWithIdentifier(QXPresetApple1080p)->sarWidth(nullptr, &t, *videoTrack(720, 576, 16, 15));
-    EXPECT_EQ(t, 15u) << "either target may be left out";
-}
-
-TEST(PresetPicture, ModulusRounding)
-{
-    auto preset = QXPreset::initWithIdentifier(QXPresetApple1080p)->copy();
-    EXPECT_EQ(preset->roundToModulus(999), 998u);
-    EXPECT_EQ(preset->roundToModulus(1), 0u);
-    preset->pictureModulus = 16;
-    EXPECT_EQ(preset->roundToModulus(1000), 992u); // 62.5 blocks: ties go down
-    EXPECT_EQ(preset->roundToModulus(1001), 1008u);
-    // 1000x562: width 992, height 992 / 1.779 = 557.5, cut to 557, then 560.
-    EXPECT_EQ(preset->videoWidthForTrack(*videoTrack(1000, 562)), 992u);
-    EXPECT_EQ(preset->videoHeightForTrack(*videoTrack(1000, 562)), 560u);
-
-    // A modulus of 1 keeps odd sizes; one below 1 is treated alike instead
-    // of dividing by zero.
-    for (int32_t modulus : {1, 0, -4}) {
-        preset->pictureModulus = modulus;
-        EXPECT_EQ(preset->videoWidthForTrack(*videoTrack(999, 500)), 999u) << modulus;
-        EXPECT_EQ(preset->videoHeightForTrack(*videoTrack(999, 500)), 500u) << modulus;
-    }
-}
-
-// Missing dimensions give zero sizes, never a crash or an undefined cast.
-TEST(PresetPicture, ZeroSizes)
-{
-    auto ipod = QXPreset::initWithIdentifier(QXPresetiPod);
-    struct Display {
-        float width, height;
-        uint64_t outWidth, outHeight;
-    };
-    for (const Display& display : {Display{0, 480, 0, 240}, Display{0, 0, 0, 240}, Display{640, 0, 320, 0}}) {
-        auto track = videoTrack(640, 480);
-        track->display_width = display.width;
-        track->display_height = display.height;
-        EXPECT_EQ(ipod->videoWidthForTrack(*track), display.outWidth) << display.width << "x" << display.height;
-        EXPECT_EQ(ipod->videoHeightForTrack(*track), display.outHeight) << display.width << "x" << display.height;
-    }
-
-    auto p1080 = QXPreset::initWithIdentifier(QXPresetApple1080p);
-    for (auto [width, height] : {std::pair<uint64_t, uint64_t>{0, 0}, {1920, 0}, {0, 1080}}) {
-        SCOPED_TRACE(std::to_string(width) + "x" + std::to_string(height));
-        const Picture picture = pictureFor(*p1080, *videoTrack(width, height));
-        EXPECT_EQ(picture.width, width);
-        EXPECT_EQ(picture.height, 0u);
-        EXPECT_LE(picture.displayWidth, float(width));
-        EXPECT_EQ(picture.displayHeight, 0.0f);
-    }
-}
-
-// Video is copied only by the update and pass-through presets, and only
-// muxable H.264 or HEVC that fits the 4K box and has steady time stamps.
-TEST(PresetPassthrough, OnlyFittingMuxableH264OrHEVC)
-{
-    struct Row {
-        const char* what;
-        int32_t codec;
-        uint64_t width, height;
-        int profile, formatFlags;
-        bool copied;
-    };
-    const Row rows[] = {
-        {"HD H.264", AV_CODEC_ID_H264, 1920, 1080, 100, 0, true},
-        {"HEVC exactly the box", AV_CODEC_ID_HEVC, 3840, 2160, 1, 0, true},
-        {"HEVC wider than the box", AV_CODEC_ID_HEVC, 4096, 2160, 1, 0, false},
-        {"portrait 4K is taller than the box", AV_CODEC_ID_HEVC, 2160, 3840, 1, 0, false},
-        {"High 10 is not muxable", AV_CODEC_ID_H264, 1280, 720, 110, 0, false},
-        {"transport stream times", AV_CODEC_ID_H264, 1280, 720, 100, AVFMT_TS_DISCONT, false},
-    };
-    auto passthrough = QXPreset::initWithIdentifier(QXPresetPassthrough);
-    for (const Row& row : rows) {
-        auto track = videoTrack(row.width, row.height);
-        track->codec_id = row.codec;
-        track->profile = row.profile;
-        track->formatFlags = row.formatFlags;
-        EXPECT_EQ(passthrough->allowPassthroughForVideoTrack(*track), row.copied) << row.what;
-    }
-    auto hd = videoTrack(1920, 1080);
-    EXPECT_FALSE(QXPreset::initWithIdentifier(QXPresetApple1080p)->allowPassthroughForVideoTrack(*hd));
-    EXPECT_TRUE(QXPreset::initWithIdentifier(QXPresetUpdate)->allowPassthroughForVideoTrack(*hd));
 }
