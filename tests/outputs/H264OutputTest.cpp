@@ -55,45 +55,7 @@ int64_t idOf(const CMSampleBufferRef& sample) { return int64_t(CMSampleBufferGet
 
 int64_t ms(CMTime time) { return CMTimeConvertScale(time, 1000, kCMTimeRoundingMethod_RoundHalfAwayFromZero).value; }
 
-// I P B B repeated: presentation order 0 2 3 1 ..., 40 ms a frame, decode
-// times trailing by one frame.
-std::vector<CMSampleBufferRef> bFrameStream(int count)
-{
-    static const int order[] = {0, 3, 1, 2};
-    std::vector<CMSampleBufferRef> samples;
-    for (int i = 0; i < count; ++i) {
-        const int frame = (i / 4) * 4 + order[i % 4];
-        samples.push_back(sample(i, int64_t(frame + 1) * 40, int64_t(i) * 40));
-    }
-    return samples;
-}
-
 } // namespace
-
-TEST(H264Output, NothingLeavesBeforeTheWindowIsFull)
-{
-    auto track = videoTrack();
-    auto output = outputFor(track);
-    std::vector<CMSampleBufferRef> samples;
-    for (int i = 0; i < 40; ++i) samples.push_back(sample(i, i * 40, i * 40));
-
-    feed(*output, {samples.begin(), samples.begin() + 31}, false);
-    EXPECT_TRUE(takeReady(*output).empty()) << "31 samples stay behind";
-    feed(*output, {samples[31]}, false);
-    auto left = takeReady(*output);
-    ASSERT_EQ(left.size(), 1u);
-    EXPECT_EQ(idOf(left[0]), 0);
-
-    feed(*output, {samples.begin() + 32, samples.end()}, false);
-    EXPECT_EQ(takeReady(*output).size(), 8u) << "one out for each one in";
-    EXPECT_FALSE(output->finished());
-    feed(*output, {}, true);
-    left = takeReady(*output);
-    ASSERT_EQ(left.size(), 31u);
-    for (size_t i = 0; i < left.size(); ++i) EXPECT_EQ(idOf(left[i]), int64_t(i) + 9);
-    EXPECT_TRUE(output->finished());
-    EXPECT_EQ(output->copyNextSample(), nullptr);
-}
 
 TEST(H264Output, AShortStreamLeavesAtTheEndAndItsLastSampleGetsTheAverage)
 {
@@ -162,24 +124,6 @@ TEST(H264Output, SamplesWithoutDecodeTimesAtTheStartDecodeBeforeZero)
     EXPECT_EQ(ms(CMSampleBufferGetDecodeTimeStamp(left[2])), -40);
     EXPECT_EQ(ms(CMSampleBufferGetDecodeTimeStamp(left[3])), 40);
     EXPECT_TRUE(log.contains("Use first dts: {-120/1000", 4));
-}
-
-TEST(H264Output, OutputTimesRiseThoughPresentationTimesDoNot)
-{
-    auto track = videoTrack();
-    auto output = outputFor(track);
-    const auto samples = bFrameStream(48);
-    feed(*output, samples, true);
-    const auto left = takeReady(*output);
-    ASSERT_EQ(left.size(), samples.size());
-    for (size_t i = 0; i < left.size(); ++i) {
-        EXPECT_EQ(idOf(left[i]), int64_t(i)) << "decode order stays";
-        // Output times are the presentation times in ascending order.
-        EXPECT_EQ(ms(CMSampleBufferGetOutputPresentationTimeStamp(left[i])), int64_t(i + 1) * 40) << "sample " << i;
-        EXPECT_EQ(ms(CMSampleBufferGetDuration(left[i])), 40) << "sample " << i;
-        // The last picture shows after the last decode time and keeps its own.
-        EXPECT_EQ(ms(CMSampleBufferGetPresentationTimeStamp(left[i])), ms(CMSampleBufferGetPresentationTimeStamp(samples[i])));
-    }
 }
 
 TEST(H264Output, RealStreamsPassUntouchedWithRisingOutputTimes)

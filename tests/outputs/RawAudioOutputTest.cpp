@@ -168,26 +168,6 @@ TEST(RawAudioOutput, TimesAreCountedInTheDestinationsTimescale)
     }
 }
 
-TEST(RawAudioOutput, TheEndArrivesEvenWhenNothingDecodes)
-{
-    // WMA Pro does not open without its setup bytes: every sample fails,
-    // the flush fails too, and still the channel ends.
-    auto track = QXAudioTrack::init();
-    track->codec_id = AV_CODEC_ID_WMAPRO;
-    track->naturalTimeScale = 1000;
-    qxtest::LogCapture log;
-    auto output = rawOutput(track);
-    EXPECT_FALSE(output->hasDecoder());
-    EXPECT_TRUE(log.contains("failed to open decoder", 2));
-
-    output->outputSample(readertest::makeSample(0, 0));
-    output->outputSample(readertest::makeSample(32, 32));
-    output->outputSample(nullptr);
-    EXPECT_EQ(output->copyNextSample(), nullptr) << "the end marker and nothing before it";
-    EXPECT_TRUE(output->finished());
-    EXPECT_TRUE(log.contains("Failed to decode audio sample", 2));
-}
-
 TEST(RawAudioOutput, SilentSampleDecodesToSilenceInTheStreamsFormat)
 {
     const auto path = outputmedia::matroska();
@@ -225,34 +205,4 @@ TEST(RawAudioOutput, SilentSampleDecodesToSilenceInTheStreamsFormat)
         // Each call builds its own encoder: the same packet again.
         EXPECT_EQ(readertest::md5Of(output->silentSample()), readertest::md5Of(silence));
     }
-}
-
-TEST(RawAudioOutput, SilentSampleIsNullForACodecWithoutEncoder)
-{
-    auto track = QXAudioTrack::init();
-    track->codec_id = AV_CODEC_ID_WMAPRO; // FFmpeg decodes it but cannot encode it
-    auto output = rawOutput(track);
-    EXPECT_EQ(output->silentSample(), nullptr);
-}
-
-TEST(RawAudioOutput, SilentSamplesWhileTheStreamIsProcessed)
-{
-    // The synchroniser asks for silence on the channel's queue while the
-    // output decodes on its own.
-    PipelineRun run(outputmedia::matroska());
-    ASSERT_TRUE(run.movie);
-    auto output = std::dynamic_pointer_cast<QXTrackReaderRawAudioOutput>(run.outputs[kAACStream]);
-    ASSERT_TRUE(output);
-    std::atomic<bool> done {false};
-    std::atomic<int> made {0};
-    std::atomic<int> missing {0};
-    std::thread asker([&] {
-        while (!done) (output->silentSample() ? made : missing)++;
-    });
-    const bool ended = run.run();
-    done = true;
-    asker.join();
-    EXPECT_TRUE(ended);
-    EXPECT_GT(made.load(), 0);
-    EXPECT_EQ(missing.load(), 0);
 }
