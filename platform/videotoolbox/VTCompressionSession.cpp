@@ -421,14 +421,14 @@ OSStatus VTCompressionSessionPrepareToEncodeFrames(const VTCompressionSessionRef
     if (!session) return kVTParameterErr;
     VTCompressionSession& s = VTCompressionSessionAccess::of(session);
     if (s.encoder) return 0;
-    auto spec = [&](const char* key) -> const QXValue* {
+    auto encoderSetting = [&](const char* key) -> const QXValue* {
         auto it = s.specification.find(key);
         return it == s.specification.end() ? nullptr : &it->second;
     };
-    const QXValue* hardwareWanted = spec(kVTVideoEncoderSpecification_EnableHardwareAcceleratedVideoEncoder);
+    const QXValue* hardwareWanted = encoderSetting(kVTVideoEncoderSpecification_EnableHardwareAcceleratedVideoEncoder);
     std::vector<HardwareCandidate> candidates;
-    if (const QXValue* id = spec(kVTVideoEncoderSpecification_EncoderID); id && id->string()) {
-        const QXValue* device = spec(kQXVideoEncoderSpecification_Device);
+    if (const QXValue* id = encoderSetting(kVTVideoEncoderSpecification_EncoderID); id && id->string()) {
+        const QXValue* device = encoderSetting(kQXVideoEncoderSpecification_Device);
         candidates.push_back({*id->string(), device && device->string() ? *device->string() : ""});
     } else if (hardwareWanted && hardwareWanted->truth().value_or(false)) {
         candidates = defaultHardwareCandidates(s.hevc);
@@ -441,7 +441,7 @@ OSStatus VTCompressionSessionPrepareToEncodeFrames(const VTCompressionSessionRef
                                  &result);
         if (s.encoder) return 0;
         // Probing NVENC or QSV without their hardware is the common case.
-        if (!candidate.device.empty() || spec(kVTVideoEncoderSpecification_EncoderID)) {
+        if (!candidate.device.empty() || encoderSetting(kVTVideoEncoderSpecification_EncoderID)) {
             QXLogWarning("Encoder %s did not open on %s: %s", candidate.encoder.c_str(),
                          candidate.device.empty() ? "the default device" : candidate.device.c_str(),
                          errorText(result).c_str());
