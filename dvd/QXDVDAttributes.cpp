@@ -2,6 +2,8 @@
 
 #include <cctype>
 
+#include "qxmedia/core/QXMedia.h"
+
 namespace {
 
 int bcd(uint8_t value)
@@ -75,4 +77,23 @@ std::string QXDVDLanguageCode(const QXDVDBytes& data, size_t offset)
     const char first = char(data.u8(offset)), second = char(data.u8(offset + 1));
     if (!std::isalpha(static_cast<unsigned char>(first)) || !std::isalpha(static_cast<unsigned char>(second))) return {};
     return std::string{first, second};
+}
+
+QXMenuAttributes QXMenuAttributes::initWithData(const QXDVDBytes& data)
+{
+    constexpr size_t kAudioRecordSize = 8, kSubpictureRecordSize = 6;
+    QXMenuAttributes menu;
+    menu.video = QXVideoAttributes::initWithData(data.slice(0, 2));
+    size_t audioCount = data.u16(2);
+    if (audioCount > 8) {
+        QXLogWarning("The number of audio streams cannot be greater than 8.");
+        audioCount = 8;
+    }
+    for (size_t i = 0; i < audioCount; ++i) {
+        menu.audio.push_back(QXAudioAttributes::initWithData(data.slice(4 + i * kAudioRecordSize, kAudioRecordSize)));
+    }
+    const size_t subpictureCount = data.u16(84);
+    if (subpictureCount > 1) QXLogWarning("The number of subpicture streams cannot be greater than one.");
+    if (subpictureCount != 0) menu.subpicture = QXSubpictureAttributes::initWithData(data.slice(86, kSubpictureRecordSize));
+    return menu;
 }

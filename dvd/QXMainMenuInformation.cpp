@@ -8,7 +8,7 @@ namespace {
 constexpr size_t kLastSector = 28, kSpecificationVersion = 32, kCategory = 34, kNumberOfVolumes = 38,
                  kVolumeNumber = 40, kSide = 42, kNumberOfTitleSets = 62, kProviderId = 64, kPointOfSale = 96,
                  kHeaderLastByte = 128, kFirstPlayOffset = 132, kTitleTableSector = 196, kMenuAttributes = 256;
-constexpr size_t kAudioRecordSize = 8, kSubpictureRecordSize = 6, kMinimumFirstPlayOffset = 512;
+constexpr size_t kMinimumFirstPlayOffset = 512;
 
 } // namespace
 
@@ -69,22 +69,10 @@ QXMainMenuInformationRef QXMainMenuInformation::initWithData(const QXDVDBytes& d
         info->numberOfTitleSets = 1;
     }
 
-    info->menuVideoAttributes = QXVideoAttributes::initWithData(data.slice(kMenuAttributes, 2));
-    size_t audioCount = data.u16(kMenuAttributes + 2);
-    if (audioCount > 8) {
-        QXLogWarning("The number of audio streams cannot be greater than 8.");
-        audioCount = 8;
-    }
-    for (size_t i = 0; i < audioCount; ++i) {
-        info->menuAudioAttributes.push_back(
-            QXAudioAttributes::initWithData(data.slice(kMenuAttributes + 4 + i * kAudioRecordSize, kAudioRecordSize)));
-    }
-    const size_t subpictureCount = data.u16(kMenuAttributes + 84);
-    if (subpictureCount > 1) QXLogWarning("The number of subpicture streams cannot be greater than one.");
-    if (subpictureCount != 0) {
-        info->menuSubpictureAttributes =
-            QXSubpictureAttributes::initWithData(data.slice(kMenuAttributes + 86, kSubpictureRecordSize));
-    }
+    QXMenuAttributes menu = QXMenuAttributes::initWithData(data.slice(kMenuAttributes, 86 + 6));
+    info->menuVideoAttributes = menu.video;
+    info->menuAudioAttributes = std::move(menu.audio);
+    info->menuSubpictureAttributes = menu.subpicture;
 
     const uint64_t headerEnd = uint64_t(data.u32(kHeaderLastByte)) + 1;
     const uint64_t firstPlay = data.u32(kFirstPlayOffset);

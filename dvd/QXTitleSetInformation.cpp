@@ -69,25 +69,13 @@ QXTitleSetInformationRef QXTitleSetInformation::initWithData(const QXDVDBytes& d
     info->specificationVersion = data.u16(kSpecificationVersion);
     info->categoryAndMask = data.u32(kCategory);
 
-    info->menuVideoAttributes = QXVideoAttributes::initWithData(data.slice(kMenuAttributes, 2));
-    size_t audioCount = data.u16(kMenuAttributes + 2);
-    if (audioCount > 8) {
-        QXLogWarning("The number of audio streams cannot be greater than 8.");
-        audioCount = 8;
-    }
-    for (size_t i = 0; i < audioCount; ++i) {
-        info->menuAudioAttributes.push_back(
-            QXAudioAttributes::initWithData(data.slice(kMenuAttributes + 4 + i * kAudioRecordSize, kAudioRecordSize)));
-    }
-    const size_t menuSubpictureCount = data.u16(kMenuAttributes + 84);
-    if (menuSubpictureCount > 1) QXLogWarning("The number of subpicture streams cannot be greater than one.");
-    if (menuSubpictureCount != 0) {
-        info->menuSubpictureAttributes =
-            QXSubpictureAttributes::initWithData(data.slice(kMenuAttributes + 86, kSubpictureRecordSize));
-    }
+    QXMenuAttributes menu = QXMenuAttributes::initWithData(data.slice(kMenuAttributes, 86 + 6));
+    info->menuVideoAttributes = menu.video;
+    info->menuAudioAttributes = std::move(menu.audio);
+    info->menuSubpictureAttributes = menu.subpicture;
 
     info->videoAttributes = QXVideoAttributes::initWithData(data.slice(kTitleAttributes, 2));
-    audioCount = data.u16(kTitleAttributes + 2);
+    size_t audioCount = data.u16(kTitleAttributes + 2);
     if (audioCount > 8) {
         QXLogWarning("The number of audio streams cannot be greater than 8.");
         audioCount = 8;

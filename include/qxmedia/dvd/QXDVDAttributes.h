@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "qxmedia/dvd/QXDVDBytes.h"
 
@@ -79,3 +80,13 @@ struct QXSubpictureAttributes {
 // The two letters of a language code as they stand, or empty when the bytes
 // are not letters (many discs leave them zero).
 std::string QXDVDLanguageCode(const QXDVDBytes& data, size_t offset);
+
+// The menu's attribute block (video, up to 8 audio streams, at most one
+// subpicture stream), laid out alike in VIDEO_TS.IFO and VTS_nn_0.IFO.
+struct QXMenuAttributes {
+    QXVideoAttributes video;
+    std::vector<QXAudioAttributes> audio;
+    QXSubpictureAttributes subpicture;
+
+    static QXMenuAttributes initWithData(const QXDVDBytes& data);
+};
