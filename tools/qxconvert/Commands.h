@@ -29,6 +29,7 @@ int runInfo(const Arguments& arguments);
 int runRead(const Arguments& arguments);
 int runConvert(const Arguments& arguments);
 int runRemux(const Arguments& arguments);
+int runUpdate(const Arguments& arguments);
 int runPresets(const Arguments& arguments);
 // info on a VIDEO_TS folder (or the folder above it) lists its titles.
 bool isDVDFolderArgument(const Arguments& arguments);

@@ -51,6 +51,8 @@ const std::map<std::string, Command>& commands()
                      "                                converts a source (default preset: Passthrough)",
                      runConvert}},
         {"remux", {"remux FILE... -o OUT.m4v      convert with the Passthrough preset", runRemux}},
+        {"update", {"update FILE.m4v [--set KEY=VALUE]... [--chapters FILE] [--remove-track N]... [--subtitles FILE]...\n"
+                    "                [--rename]    rewrites tags, chapters and tracks in place", runUpdate}},
         {"mkvwalk", {"mkvwalk FILE                  the Matroska diagnostic walk of a file", runMkvWalk}},
     };
     return table;

@@ -38,6 +38,9 @@ class QXProgress;
 class QXSubtitleTrack;
 class QXSync;
 class QXVideoTrack;
+namespace qx::mp4 {
+class MP4File;
+}
 
 // Ordered: below Finished a job has not ended, below Failed it has neither
 // failed nor been cancelled. Hosts compare the numbers.
@@ -204,6 +207,18 @@ private:
     void finishProcessing(const QXErrorRef& runError, const std::shared_ptr<QXMuxer>& muxer);
     // Gives the complete output its final name; the job fails if it cannot.
     void renamePartialOutput();
+    // The in-place update (QXJobUpdate*.cpp): the end of the one edit of the
+    // file once attached tracks are in, and the steps after it.
+    void finishUpdate(const std::shared_ptr<qx::mp4::MP4File>& file, const std::shared_ptr<QXMuxer>& muxer,
+                      const QXErrorRef& runError);
+    bool writeTrackRecords(qx::mp4::MP4File& file);
+    void replaceChapters(qx::mp4::MP4File& file);
+    void moveUpdatedFile();
+    // Call points of the finishing steps of an update: the library entry of
+    // the source and the fast-start rewrite (before a rename), the hand-over
+    // to the library (after it).
+    void finishUpdatedFile();
+    void addUpdatedFileToLibrary();
 
     mutable std::mutex lock_; // error_ and progressMovie_
     QXErrorRef error_;
