@@ -392,8 +392,9 @@ bool MP4File::appendMediaData(const uint8_t* data, size_t size, uint64_t& offset
 {
     if (mode_ == Mode::Read || writeFailed_) return false;
     if (mdatOffset_ == 0) {
-        // Modify: new samples go into a new mdat at the end of the file.
-        if (!pinLastBox()) {
+        // Modify: new samples go into a new mdat at the end of the file,
+        // hidden from readers until the edit is switched live.
+        if (!openHiddenTail()) {
             writeFailed_ = true; // the samples of this session cannot be placed
             return false;
         }

@@ -120,6 +120,52 @@ bool MP4File::pinLastBox()
     return true;
 }
 
+bool MP4File::openHiddenTail()
+{
+    // One free box from here to the end of the file, whatever is appended
+    // behind its header: readers skip it, and a crash leaves nothing else.
+    if (hiddenTail_ != UINT64_MAX) return true;
+    if (!pinLastBox()) return false;
+    const uint8_t header[8] = {0, 0, 0, 0, 'f', 'r', 'e', 'e'};
+    if (!writeAt(fileSize_, header, 8)) return false;
+    hiddenTail_ = fileSize_ - 8;
+    return true;
+}
+
+bool MP4File::exposeHiddenTail()
+{
+    // The hiding box shrinks to its header: what follows becomes top-level
+    // boxes (an mdat that nothing refers to yet, a staged moov).
+    if (hiddenTail_ == UINT64_MAX) return true;
+    uint8_t header[8];
+    freeHeader(header, 8);
+    return writeAt(hiddenTail_, header, 8);
+}
+
+bool MP4File::cutUnusedTail()
+{
+    // Boxes after the live moov at the end of the file, free or mdat, that
+    // no sample lies in: what an interrupted edit appended.
+    const auto& top = root_.children();
+    const uint64_t liveEnd = moov()->fileOffset + moov()->fileSize;
+    size_t first = top.size();
+    while (first > 0 && top[first - 1]->fileOffset >= liveEnd &&
+           (isFree(top[first - 1]->type()) || top[first - 1]->type() == kMdat))
+        --first;
+    if (first == top.size()) return true;
+    const uint64_t cut = top[first]->fileOffset;
+    if (cut >= fileSize_ || holdsSamples(cut, UINT64_MAX)) return true;
+    for (const auto& track : tracks_)
+        if (ChunkOffsetBox* offsets = track->stco())
+            for (uint64_t offset : offsets->offsets)
+                if (offset >= cut) return true;
+    if (!truncateFile(cut)) return false;
+    while (root_.children().size() > first) root_.removeChild(root_.children().back().get());
+    sizeAtOpen_ = fileSize_;
+    MP4Log(MP4_LOG_INFO, "\"%s\": cut off what an interrupted edit appended", path_.c_str());
+    return syncFile();
+}
+
 bool MP4File::repairLeftovers()
 {
     if (damagedElsewhere_) return true; // refused by the caller
@@ -151,9 +197,11 @@ bool MP4File::repairLeftovers()
             repaired = true;
         }
     }
-    if (!repaired) return true;
-    MP4Log(MP4_LOG_INFO, "\"%s\": cleared what an interrupted edit left", path_.c_str());
-    return syncFile();
+    if (repaired) {
+        MP4Log(MP4_LOG_INFO, "\"%s\": cleared what an interrupted edit left", path_.c_str());
+        if (!syncFile()) return false;
+    }
+    return cutShortAt_ != UINT64_MAX || cutUnusedTail();
 }
 
 bool MP4File::writeMoovModified(uint32_t flags)
@@ -182,6 +230,8 @@ bool MP4File::placeMoov(const std::vector<uint8_t>& bytes, bool& switched)
     FreeRun run;
     auto holds = [this](uint64_t begin, uint64_t end) { return holdsSamples(begin, end); };
     if (findFreeRun(root_, size, holds, run)) {
+        // Appended samples become an mdat of their own before the switch.
+        if (!exposeHiddenTail()) return false;
         uint8_t header[8];
         // One free box over the whole run, so the writes below land in its payload.
         const Box& first = *root_.children()[run.first];
@@ -201,11 +251,24 @@ bool MP4File::placeMoov(const std::vector<uint8_t>& bytes, bool& switched)
         if (!syncFile()) return false;
     } else {
         if (!pinLastBox()) return false;
-        // Appended as free space first, then made a moov behind the live one.
+        const bool oldIsLast = old->fileOffset + old->fileSize == (hiddenTail_ != UINT64_MAX ? hiddenTail_ : fileSize_);
+        if (oldIsLast && !openHiddenTail()) return false;
+        uint64_t end = std::max(fileSize_, writePosition_);
+        if (oldIsLast && !old->largeSize && old->fileSize + 8 <= UINT32_MAX) {
+            // The old moov is the last box: the new one goes behind it in the
+            // hidden tail, and one header write turns the old moov and the
+            // hiding header into one free box, which is the switch.
+            if (!writeAt(end, bytes.data(), bytes.size()) || !syncFile()) return false;
+            uint8_t header[8];
+            freeHeader(header, old->fileSize + 8);
+            if (!writeAt(old->fileOffset, header, 8)) return false;
+            switched = true;
+            return syncFile();
+        }
+        // Else appended as free space first, then made a moov behind the live one.
         std::vector<uint8_t> staged = bytes;
         std::memcpy(staged.data() + 4, "free", 4);
-        uint64_t end = std::max(fileSize_, writePosition_);
-        if (!writeAt(end, staged.data(), staged.size()) || !syncFile()) return false;
+        if (!exposeHiddenTail() || !writeAt(end, staged.data(), staged.size()) || !syncFile()) return false;
         if (!writeAt(end + 4, "moov", 4) || !syncFile()) return false;
     }
     // The old moov becomes free space: the switch for a new moov after it,

@@ -93,25 +93,44 @@ protected:
     std::string packets;
 };
 
+// Waits until the file starts to grow (the first write of the edit) or the
+// child ends; true in the first case.
+bool waitForFirstWrite(pid_t child, const fs::path& file, uintmax_t size)
+{
+    while (fs::file_size(file) == size) {
+        int status = 0;
+        if (::waitpid(child, &status, WNOHANG) == child) return false;
+        std::this_thread::sleep_for(std::chrono::microseconds(100));
+    }
+    return true;
+}
+
 TEST_F(UpdateCrash, KilledAtAnyMomentLeavesTheOldOrTheNewFile)
 {
     const fs::path file = folder / "killed.mp4";
     fs::copy_file(original, file);
-    const auto start = std::chrono::steady_clock::now();
-    ASSERT_EQ(waitFor(spawn(arguments(file))), 0);
-    const auto span = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start);
+    const uintmax_t size = fs::file_size(file);
+    // How long the writes of a complete update take, from the first one.
+    pid_t child = spawn(arguments(file));
+    ASSERT_TRUE(waitForFirstWrite(child, file, size));
+    const auto firstWrite = std::chrono::steady_clock::now();
+    ASSERT_EQ(waitFor(child), 0);
+    const auto span = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - firstWrite);
     expectIntact(file, "after a complete update");
 
+    // Each kill lands somewhere between the first write and the end.
     std::mt19937 random(20261123);
     std::uniform_int_distribution<int64_t> moment(0, span.count());
     for (int round = 0; round < 20; ++round) {
         fs::copy_file(original, file, fs::copy_options::overwrite_existing);
-        const pid_t child = spawn(arguments(file));
+        child = spawn(arguments(file));
         const auto delay = std::chrono::microseconds(moment(random));
-        std::this_thread::sleep_for(delay);
-        ::kill(child, SIGKILL);
+        if (waitForFirstWrite(child, file, size)) {
+            std::this_thread::sleep_for(delay);
+            ::kill(child, SIGKILL);
+        }
         waitFor(child);
-        const std::string when = "killed after " + std::to_string(delay.count()) + " us";
+        const std::string when = "killed " + std::to_string(delay.count()) + " us after the first write";
         expectIntact(file, when);
         // The next edit clears what the killed one left and completes.
         EXPECT_EQ(waitFor(spawn(arguments(file))), 0) << when;

@@ -204,6 +204,9 @@ private:
     bool holdsSamples(uint64_t begin, uint64_t end) const;
     bool retireBox(Box& box);
     bool pinLastBox();
+    bool openHiddenTail();
+    bool exposeHiddenTail();
+    bool cutUnusedTail();
     bool placeMoov(const std::vector<uint8_t>& bytes, bool& switched);
     void abandonEdit();
 
@@ -218,6 +221,9 @@ private:
     bool damagedElsewhere_ = false;
     uint64_t sizeAtOpen_ = 0;
     bool lastBoxPinned_ = false;
+    // Where this edit started appending: a free box "to the end of the file"
+    // that hides what follows until the switch; UINT64_MAX if none.
+    uint64_t hiddenTail_ = UINT64_MAX;
     // Where the samples of the file as opened lie (Modify): never written to.
     std::vector<std::pair<uint64_t, uint64_t>> liveSamples_;
     RootBox root_;
