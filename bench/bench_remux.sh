@@ -59,7 +59,7 @@ bytes=$(stat -c %s "$source")
 packets=$(ffprobe -v error -count_packets -show_entries stream=nb_read_packets -of csv=p=0 "$source" | paste -sd' ')
 echo "source: $source, $((bytes / 1048576)) MiB, packets per stream: $packets"
 
-if ldd "$qxconvert" | grep -q tcmalloc; then
+if ldd "$qxconvert" 2>/dev/null | grep tcmalloc >/dev/null; then
     echo "qxconvert allocator: tcmalloc_minimal"
 else
     echo "qxconvert allocator: the C library's"
