@@ -15,7 +15,8 @@
 #   bench/bench_remux.sh [BUILD_DIR]       (default: build)
 #
 # Environment: QX_BENCH_DIR (default /tmp/qx-bench), QX_BENCH_RUNS (default 5),
-# QX_BENCH_COLD (default 1; 0 leaves the cold runs out), QX_BENCH_ONLY
+# QX_BENCH_COLD (default 1; 0 leaves the cold runs out), QX_BENCH_WARM
+# (default 1; 0 leaves the warm runs out), QX_BENCH_ONLY
 # ("read" or "remux" runs one of the two).
 # The encoded companion costs more processor time than the whole copy, so
 # the plain "remux" ratio cannot reach the target; "remux-same" is the fair one.
@@ -116,6 +117,7 @@ out_dir=$(mktemp -d)
 trap 'rm -rf "$out_dir"' EXIT
 caches=(warm)
 (( cold )) && caches+=(cold)
+[[ ${QX_BENCH_WARM:-1} == 0 ]] && caches=("${caches[@]:1}")
 for cache in "${caches[@]}"; do
     if [[ ${QX_BENCH_ONLY:-} != remux ]]; then
         compare read "$cache" "-f null -" "$qxconvert" read "$source" --json
