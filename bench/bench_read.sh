@@ -56,7 +56,7 @@ measure() {
     rm -f "$out"
 }
 
-if ldd "$qxconvert" | grep -q tcmalloc; then
+if ldd "$qxconvert" 2>/dev/null | grep tcmalloc >/dev/null; then
     echo "qxconvert allocator: tcmalloc_minimal"
 else
     echo "qxconvert allocator: the C library's"

@@ -119,7 +119,9 @@ void QXMuxerInput::markAsFinished()
 
 bool QXMuxerInput::appendSampleBuffer(const CMSampleBufferRef& sample)
 {
-    if (sample) {
+    if (sample && processesOnChannelQueue()) {
+        processSample(sample);
+    } else if (sample) {
         dispatch_semaphore_wait(inputSemaphore, DISPATCH_TIME_FOREVER);
         auto self = shared_from_this();
         dispatch_group_async(inputGroup, processQueue, [self, sample] {

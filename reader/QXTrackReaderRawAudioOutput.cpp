@@ -40,6 +40,7 @@ QXTrackReaderRawAudioOutput::QXTrackReaderRawAudioOutput(std::shared_ptr<QXTrack
     : QXTrackReaderOutput(std::move(source))
 {
     if (track) avctx_ = QXOpenTrackDecoder(*track, __func__);
+    if (track && avctx_) frameLength_ = QXCodedFrameLength::forTrack(*track);
     naturalTimeScale = destination && destination->naturalTimeScale > 0 ? destination->naturalTimeScale
                        : track                                          ? track->naturalTimeScale
                                                                         : 0;
@@ -68,6 +69,14 @@ void QXTrackReaderRawAudioOutput::takeFormat(int64_t bitRate, uint64_t layout, i
 
 void QXTrackReaderRawAudioOutput::processSample(const CMSampleBufferRef& sample)
 {
+    if (frameLength_) {
+        if (!sample) {
+            QXTrackReaderOutput::processSample(nullptr);
+        } else if (!handOnMeasured(sample)) {
+            QXLogWarning("%s Failed to decode audio sample: not a whole frame", __func__);
+        }
+        return;
+    }
     struct Decoded {
         int32_t frames;
         int32_t rate;
@@ -134,6 +143,25 @@ void QXTrackReaderRawAudioOutput::processSample(const CMSampleBufferRef& sample)
         handOn(owner, lastFrameDuration_, CMSampleBufferGetPresentationTimeStamp(owner));
     }
     if (ended) QXTrackReaderOutput::processSample(nullptr);
+}
+
+bool QXTrackReaderRawAudioOutput::handOnMeasured(const CMSampleBufferRef& sample)
+{
+    const CMBlockBufferRef data = CMSampleBufferGetDataBuffer(sample);
+    const size_t size = data ? CMBlockBufferGetDataLength(data) : 0;
+    uint8_t header[QXCodedFrameLength::kHeaderBytes] = {};
+    const size_t headerSize = std::min(size, sizeof header);
+    if (headerSize > 0 && CMBlockBufferCopyDataBytes(data, 0, headerSize, header) != 0) return false;
+    const auto length = frameLength_->lengthOf(header, headerSize, size);
+    if (!length) return false;
+    if (length->channels > 0) {
+        takeFormat(length->bitRate, length->layout, length->channels,
+                   currentSampleFormat.load(std::memory_order_relaxed), length->rate);
+    }
+    lastFrameDuration_ = CMTimeMake(length->frames, length->rate);
+    const int64_t pts = QXPacketTime(CMSampleBufferGetPresentationTimeStamp(sample), naturalTimeScale);
+    handOn(sample, lastFrameDuration_, pts == AV_NOPTS_VALUE ? kCMTimeInvalid : CMTimeMake(pts, naturalTimeScale));
+    return true;
 }
 
 void QXTrackReaderRawAudioOutput::handOn(const CMSampleBufferRef& sample, CMTime duration, CMTime presentationTime)

@@ -300,6 +300,12 @@ void QXTrack::processSample(const CMSampleBufferRef& sample)
 
 void QXTrack::outputSample(const CMSampleBufferRef& sample)
 {
+    // A single output needs no fan-out: its own queue (256 samples) holds
+    // the read loop back, and the hop would cost a hand-over per sample.
+    if (outputs.size() == 1) {
+        outputs.front()->outputSample(sample);
+        return;
+    }
     // At most 256 samples of a track wait for the fan-out; a slow output
     // stops the read loop here.
     dispatch_semaphore_wait(outSemaphore, DISPATCH_TIME_FOREVER);

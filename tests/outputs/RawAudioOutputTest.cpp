@@ -1,5 +1,5 @@
 // The output of copied audio: coded bytes pass untouched with durations
-// measured by the decoder, a bad packet costs only itself, the end always
+// read from frame headers or measured by the decoder, a bad packet costs only itself, the end always
 // arrives, and silentSample makes a packet that decodes to silence.
 
 #include <gtest/gtest.h>
@@ -15,6 +15,7 @@ extern "C" {
 #include "OutputMedia.h"
 #include "OutputSupport.h"
 #include "ReaderSupport.h"
+#include "qxmedia/reader/QXCodedFrameLength.h"
 #include "qxmedia/reader/QXTrackReaderRawAudioOutput.h"
 #include "qxmedia/source/QXAudioTrack.h"
 #include "support/TestMedia.h"
@@ -205,4 +206,51 @@ TEST(RawAudioOutput, SilentSampleDecodesToSilenceInTheStreamsFormat)
         // Each call builds its own encoder: the same packet again.
         EXPECT_EQ(readertest::md5Of(output->silentSample()), readertest::md5Of(silence));
     }
+}
+
+TEST(CodedFrameLength, ReadsFixedLengthsFromHeadersAndLeavesTheRestToTheDecoder)
+{
+    const auto movie = QXMovie::initWithURL(outputmedia::matroska());
+    ASSERT_TRUE(movie);
+    const auto ac3 = QXCodedFrameLength::forTrack(*movie->tracks[kAC3Stream]);
+    ASSERT_TRUE(ac3);
+    const CMBlockBufferRef packet = CMSampleBufferGetDataBuffer(readPackets(outputmedia::matroska(), kAC3Stream).front());
+    std::vector<uint8_t> frame(CMBlockBufferGetDataLength(packet));
+    CMBlockBufferCopyDataBytes(packet, 0, frame.size(), frame.data());
+    const std::vector<uint8_t> zeros(frame.size(), 0);
+
+    auto aacTrack = [](int profile, int frameSize) {
+        auto track = QXTrack::init();
+        track->codecParameters()->codec_id = AV_CODEC_ID_AAC;
+        track->codecParameters()->profile = profile;
+        track->codecParameters()->frame_size = frameSize;
+        track->codecParameters()->sample_rate = 48000;
+        return QXCodedFrameLength::forTrack(*track);
+    };
+    // An ADTS header whose last two bits say two raw data blocks.
+    const uint8_t adts[] = {0xFF, 0xF1, 0x4C, 0x80, 0x2E, 0x7F, 0xFD};
+    const uint8_t raw[] = {0x21, 0x10, 0x04};
+    struct Case {
+        const char* name;
+        std::optional<QXCodedFrameLength> length;
+        const uint8_t* data;
+        size_t size, packetSize;
+        int32_t frames, rate; // 0: not measured
+    } const cases[] = {
+        {"AC-3 frame", ac3, frame.data(), 32, frame.size(), 1536, 48000},
+        {"AC-3 frame cut short", ac3, frame.data(), 32, frame.size() / 2, 0, 0},
+        {"AC-3 packet of zeros", ac3, zeros.data(), 32, zeros.size(), 0, 0},
+        {"AAC-LC", aacTrack(FF_PROFILE_AAC_LOW, 1024), raw, sizeof raw, sizeof raw, 1024, 48000},
+        {"AAC-LC 960", aacTrack(FF_PROFILE_AAC_LOW, 960), raw, sizeof raw, sizeof raw, 960, 48000},
+        {"ADTS of two blocks", aacTrack(FF_PROFILE_AAC_LOW, 1024), adts, sizeof adts, 400, 2048, 48000},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        ASSERT_TRUE(c.length);
+        const auto measured = c.length->lengthOf(c.data, c.size, c.packetSize);
+        ASSERT_EQ(measured.has_value(), c.frames != 0);
+        if (measured) EXPECT_EQ(std::make_pair(measured->frames, measured->rate), std::make_pair(c.frames, c.rate));
+    }
+    // HE-AAC decodes at twice the rate of its setup: it is measured by decoding.
+    EXPECT_FALSE(aacTrack(FF_PROFILE_AAC_HE, 1024));
 }

@@ -7,7 +7,9 @@
 //   channel queue ──[inputSemaphore 10]──► processQueue (processSample)
 //                 ──[outputSemaphore 10]──► muxerQueue (QXMuxer::writeSample)
 //
-// so at most ten samples wait in each hop. The base also gives every video
+// so at most ten samples wait in each hop. An input whose processing is
+// cheap (copied audio) processes on the channel's queue and skips the
+// first hop; the end still goes through processQueue, after every sample. The base also gives every video
 // sample the duration up to the next one (it holds one sample back), and
 // writes the track's edit list at the end.
 //
@@ -108,6 +110,13 @@ public:
     void writeInitDelay();
 
     virtual std::string description() const;
+
+protected:
+    // True when processSample is cheap enough to run on the channel's queue,
+    // which then calls it in order; a hand-over per sample costs more.
+    virtual bool processesOnChannelQueue() const { return false; }
+
+public:
 
     // Fields, in declared order.
     std::shared_ptr<QXTrackReaderOutput> source;

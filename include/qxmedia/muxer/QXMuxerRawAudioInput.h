@@ -20,6 +20,9 @@ public:
     void processSample(const qx::CMSampleBufferRef& sample) override;
 
 protected:
+    // Converting times is cheap: no hop to processQueue per packet.
+    bool processesOnChannelQueue() const override { return true; }
+
     // The common end of initWritingToFileHandle once the track was added:
     // the track id, -13011 for none, the chunk length, the track's fields.
     bool finishTrack(uint32_t trackId, QXErrorRef* error);

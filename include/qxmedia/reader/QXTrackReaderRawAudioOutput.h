@@ -1,16 +1,19 @@
 #pragma once
 // QXTrackReaderRawAudioOutput: the output of an audio track that is copied
-// as it is (AC-3, AAC, ... into MP4). The coded packets pass unchanged, but
-// each is decoded all the same: the decoder says how many PCM frames a packet
-// holds and when it plays, which gives exact durations, and its current
-// format lets silentSample encode a packet of silence that matches the
-// stream. The decoded audio itself is thrown away.
+// as it is (AC-3, AAC, ... into MP4). The coded packets pass unchanged with
+// exact durations in PCM frames. AAC-LC and AC-3 frames have a fixed length,
+// read from the stream's setup or the frame's header; packets of other
+// codecs are decoded all the same, only to learn how many PCM frames each
+// holds and when it plays. The current format lets silentSample encode a
+// packet of silence that matches the stream.
 
 #include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 
+#include "qxmedia/reader/QXCodedFrameLength.h"
 #include "qxmedia/reader/QXReaderCodec.h"
 #include "qxmedia/reader/QXTrackReaderAudioOutputProtocol.h"
 #include "qxmedia/reader/QXTrackReaderOutput.h"
@@ -44,12 +47,17 @@ public:
     bool hasDecoder() const { return avctx_ != nullptr; }
 
 private:
+    // Hands the sample on with the length its header tells; false when the
+    // header is not one a decoder would take.
+    bool handOnMeasured(const qx::CMSampleBufferRef& sample);
     void handOn(const qx::CMSampleBufferRef& sample, qx::CMTime duration, qx::CMTime presentationTime);
     void takeFormat(int64_t bitRate, uint64_t layout, int32_t channels, int32_t format, int32_t rate);
 
     // Guards the decoder: processing decodes, silentSample reads its setup.
     std::mutex decoderLock_;
     qx::AVCodecContextPtr avctx_;
+    // Set for codecs whose packets are measured without decoding.
+    std::optional<QXCodedFrameLength> frameLength_;
     // The latest coded sample while the decoder has given no frame for it:
     // a decoder that holds a frame back gives it at the end.
     qx::CMSampleBufferRef unanswered_;

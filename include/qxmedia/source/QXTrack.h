@@ -112,7 +112,8 @@ public:
     // The sample road: to the reader if there is one, else to the outputs.
     void processSample(const qx::CMSampleBufferRef& sample);
     // Fans a sample (or the end marker, null) out to every output on
-    // outQueue; blocks while 256 samples of this track are in flight.
+    // outQueue; blocks while 256 samples of this track are in flight. A
+    // single output takes it straight from the caller.
     void outputSample(const qx::CMSampleBufferRef& sample);
     void markAsFinished() { processSample(nullptr); }
     void addOutput(std::shared_ptr<QXTrackReaderOutput> output);
