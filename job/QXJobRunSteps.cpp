@@ -5,16 +5,10 @@
 #include "qxmedia/core/QXMedia.h"
 #include "qxmedia/job/QXJob.h"
 
-namespace {
-
-constexpr int64_t kFailedToCreateFile = -13002;
-
-} // namespace
-
 bool QXJob::updateMetadata(QXErrorRef* error)
 {
     QXErrorRef failure =
-        QXMedia::errorWithDomain(QXMediaErrorDomain, kFailedToCreateFile, {{NSURLErrorKey, QXValue(destination)}});
+        QXMedia::errorWithDomain(QXMediaErrorDomain, QXErrorFailedToCreateFile, {{NSURLErrorKey, QXValue(destination)}});
     QXSetError(error, failure);
     fail(failure);
     endRun();
