@@ -36,8 +36,11 @@ function(qx_shared_library)
   set_target_properties(qxmedia PROPERTIES VERSION ${PROJECT_VERSION}
                         SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}
                         CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
-  # Symbols of static libraries linked in stay inside.
-  target_link_options(qxmedia PRIVATE -Wl,--exclude-libs,ALL)
+  # Symbols of static libraries linked in, and standard-library
+  # instantiations, stay inside.
+  target_link_options(qxmedia PRIVATE -Wl,--exclude-libs,ALL
+                      -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/qxmedia.map)
+  set_target_properties(qxmedia PROPERTIES LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/qxmedia.map)
   foreach(mod IN LISTS QX_MODULES)
     target_sources(qxmedia PRIVATE $<TARGET_OBJECTS:${mod}>)
     get_target_property(deps ${mod} LINK_LIBRARIES)

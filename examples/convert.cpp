@@ -1,12 +1,14 @@
 // Converts one file into an M4V with a progress bar; Ctrl-C cancels.
 //
 //   convert SOURCE DESTINATION.m4v [PRESET]      (PRESET: QXPresetPassthrough by default)
+//   QXMEDIA_LOG=1 convert ...                     also shows the library's errors and warnings
 
 #include <qxmedia/qxmedia.h>
 
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <future>
 #include <thread>
 
@@ -23,9 +25,12 @@ int main(int argc, char** argv)
     sigaddset(&interrupt, SIGINT);
     pthread_sigmask(SIG_BLOCK, &interrupt, nullptr);
 
-    QXMedia::sharedMedia().setLogHandler([](int32_t flag, const std::string& line) {
-        if (flag == QXLogFlagError) std::fprintf(stderr, "\n%s\n", line.c_str());
-    });
+    // The library's own log: errors and warnings, when asked for.
+    if (std::getenv("QXMEDIA_LOG")) {
+        QXMedia::sharedMedia().setLogHandler([](int32_t flag, const std::string& line) {
+            if (flag <= QXLogFlagWarning) std::fprintf(stderr, "\n%s\n", line.c_str());
+        });
+    }
 
     QXErrorRef error;
     auto movie = QXMovie::initWithURL(argv[1], &error);

@@ -45,7 +45,7 @@ def main(library, header_list, include_dir):
     for symbol in symbols:
         if symbol in LINKER_NAMES:
             continue
-        name = symbol
+        name = symbol.replace("[abi:cxx11]", "")
         for prefix in PREFIXES:
             name = name.removeprefix(prefix)
         if name.startswith(("std::", "__gnu_cxx::", "void std::", "__cxx")):
