@@ -13,6 +13,9 @@ function(qx_module name)
     return()
   endif()
   add_library(qx_${name} STATIC ${sources})
+  # Only what a public header marks QX_EXPORT leaves the shared library; the
+  # static modules that tests link are not affected.
+  set_target_properties(qx_${name} PROPERTIES CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
   target_include_directories(qx_${name} PUBLIC
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
     $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/include>)
@@ -31,7 +34,13 @@ function(qx_shared_library)
   add_library(qxmedia SHARED ${PROJECT_SOURCE_DIR}/cmake/empty.cpp)
   add_library(QXMedia::qxmedia ALIAS qxmedia)
   set_target_properties(qxmedia PROPERTIES VERSION ${PROJECT_VERSION}
-                        SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
+                        SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}
+                        CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
+  # Symbols of static libraries linked in, and standard-library
+  # instantiations, stay inside.
+  target_link_options(qxmedia PRIVATE -Wl,--exclude-libs,ALL
+                      -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/qxmedia.map)
+  set_target_properties(qxmedia PROPERTIES LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/qxmedia.map)
   foreach(mod IN LISTS QX_MODULES)
     target_sources(qxmedia PRIVATE $<TARGET_OBJECTS:${mod}>)
     get_target_property(deps ${mod} LINK_LIBRARIES)

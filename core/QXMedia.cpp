@@ -62,35 +62,35 @@ std::string mediaErrorDescription(int64_t code, const QXDictionary& userInfo)
     };
     char buffer[512];
     switch (code) {
-    case -13001: return "Failed to open File";
-    case -13002: return "Failed to create File";
-    case -13003: return QXLocalizedString("Corrupted file structure detected. Editing file not possible.");
-    case -13004: return "Failed to optimize Video for Web Streaming";
-    case -13005:
+    case QXErrorFailedToOpenFile: return "Failed to open File";
+    case QXErrorFailedToCreateFile: return "Failed to create File";
+    case QXErrorCorruptedFileStructure: return QXLocalizedString("Corrupted file structure detected. Editing file not possible.");
+    case QXErrorFailedToOptimize: return "Failed to optimize Video for Web Streaming";
+    case QXErrorLibraryReturnedAnotherItem:
         return QXLocalizedString("iTunes added the file but returned another item. The original file will not be deleted!");
-    case -13006: return QXLocalizedString("iTunes did not accept this video file for unknown reasons");
-    case -13010: return "Failed to add Track";
-    case -13011:
+    case QXErrorLibraryRejectedFile: return QXLocalizedString("iTunes did not accept this video file for unknown reasons");
+    case QXErrorFailedToAddTrack: return "Failed to add Track";
+    case QXErrorInvalidPersistentTrackID:
         if (const QXValue* id = extra(AVErrorPersistentTrackIDKey)) {
             std::snprintf(buffer, sizeof buffer, "Invalid persistent track ID: %s", id->description().c_str());
             return buffer;
         }
         return "Invalid persistent track ID";
-    case -13012:
+    case QXErrorUnexpectedPersistentTrackID:
         if (const QXValue* id = extra(AVErrorPersistentTrackIDKey)) {
             std::snprintf(buffer, sizeof buffer, "Unexpected persistent track ID: %s", id->description().c_str());
             return buffer;
         }
         return "Unexpected persistent track ID";
-    case -13013: return "Failed to edit track property";
-    case -11834:
+    case QXErrorFailedToEditTrackProperty: return "Failed to edit track property";
+    case QXErrorEncoderNotFound:
         if (const QXValue* format = extra(AVErrorMediaSubTypeKey)) {
             std::snprintf(buffer, sizeof buffer, "The requested encoder for format %s was not found",
                           format->description().c_str());
             return buffer;
         }
         return "The requested encoder was not found";
-    case -11807: return "Writing failed because Disk is Full";
+    case QXErrorDiskFull: return "Writing failed because Disk is Full";
     default: {
         char text[64];
         std::memset(text, 0, sizeof text);
@@ -131,6 +131,26 @@ void QXMedia::setLogCallback(QXLogCallback callback)
     logCallback_ = std::move(next);
 }
 
+void QXMedia::setLogHandler(QXLogHandler handler)
+{
+    if (!handler) {
+        setLogCallback({});
+        return;
+    }
+    setLogCallback([handler = std::move(handler)](bool, int32_t flag, int32_t, const char*, const char*, uint64_t,
+                                                  const QXValue*, const char* format, va_list arguments) {
+        handler(flag, expand(format, arguments));
+    });
+}
+
+void QXMedia::setErrorHandler(QXErrorHandler handler)
+{
+    std::shared_ptr<const QXErrorHandler> next;
+    if (handler) next = std::make_shared<const QXErrorHandler>(std::move(handler));
+    std::lock_guard guard(callbackLock_);
+    errorHandler_ = std::move(next);
+}
+
 void QXMedia::log(bool log, int32_t flag, int32_t context, const char* file, const char* function, uint64_t line,
                   const QXValue* tag, const char* format, ...)
 {
@@ -162,6 +182,13 @@ QXErrorRef QXMedia::errorWithDomain(QXErrorDomain domain, int64_t code, const QX
     }
     auto error = std::make_shared<const QXError>(domain, code, std::move(info));
     QXLogError("%s", error->description().c_str());
+    std::shared_ptr<const QXErrorHandler> handler;
+    {
+        QXMedia& media = sharedMedia();
+        std::lock_guard guard(media.callbackLock_);
+        handler = media.errorHandler_;
+    }
+    if (handler) (*handler)(*error);
     return error;
 }
 

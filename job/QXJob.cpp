@@ -160,7 +160,7 @@ void QXJob::cancel()
 
     // Status and error are in place before any reader learns of the cancel.
     status = QXJobStatusCancelled;
-    setError(QXMedia::errorWithDomain(NSCocoaErrorDomain, 3072));
+    setError(QXMedia::errorWithDomain(NSCocoaErrorDomain, QXErrorUserCancelled));
 
     std::vector<std::shared_ptr<QXMovie>> movies;
     for (const QXTrackJobRef& trackJob : tracks) {

@@ -10,13 +10,6 @@
 #include "qxmedia/source/QXChapterTrack.h"
 #include "qxmedia/source/QXMovie.h"
 
-namespace {
-
-// What a still that cannot be had fails with.
-constexpr int64_t kNoImageAtTime = -11832;
-
-} // namespace
-
 void QXJob::generateChapterImages()
 {
     if (!chapters || chapters->chapters.empty()) return;
@@ -29,7 +22,7 @@ void QXJob::generateChapterImages()
             chapter->image = image;
         } else {
             // A missing still does not fail the job; the latest one is kept.
-            setError(QXMedia::errorWithDomain(AVFoundationErrorDomain, kNoImageAtTime,
+            setError(QXMedia::errorWithDomain(AVFoundationErrorDomain, QXErrorNoImageAtTime,
                                               {{NSURLErrorKey, QXValue(movie ? movie->fileURL : QXURL())}}));
         }
         child->setCompletedUnitCount(child->completedUnitCount() + 1);

@@ -23,9 +23,6 @@ using namespace qx;
 
 namespace {
 
-constexpr int64_t kWriteUnknownErrorCode = 512; // NSFileWriteUnknownError
-constexpr int64_t kSameFileErrorCode = 516;     // NSFileWriteFileExistsError
-
 // What a run keeps while its blocks live. The error cell is written by the
 // start of the muxer and read by the group's notification.
 struct RunState {
@@ -108,7 +105,7 @@ bool QXJob::startProcessing(QXErrorRef* error)
     // replace the source with its own conversion.
     if (const QXURL source = sourceAtDestination(); !source.empty()) {
         QXErrorRef refusal = QXMedia::errorWithDomain(
-            NSCocoaErrorDomain, kSameFileErrorCode,
+            NSCocoaErrorDomain, QXErrorFileWriteFileExists,
             {{NSFilePathErrorKey, QXValue(destination.string())},
              {NSLocalizedDescriptionKey, QXValue("the output is the source " + source.string() + " itself")}});
         QXSetError(error, refusal);
@@ -188,7 +185,7 @@ void QXJob::renamePartialOutput()
     std::error_code failure;
     std::filesystem::rename(partialDestination, destination, failure);
     if (!failure) return;
-    fail(QXMedia::errorWithDomain(NSCocoaErrorDomain, kWriteUnknownErrorCode,
+    fail(QXMedia::errorWithDomain(NSCocoaErrorDomain, QXErrorFileWriteUnknown,
                                   {{NSFilePathErrorKey, QXValue(destination.string())},
                                    {NSLocalizedDescriptionKey, QXValue(failure.message())}}));
 }

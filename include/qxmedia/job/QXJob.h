@@ -22,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "qxmedia/core/QXExport.h"
 #include "qxmedia/job/QXTrackJob.h"
 #include "qxmedia/platform/dispatch/dispatch.h"
 #include "qxmedia/platform/foundation/QXError.h"
@@ -68,7 +69,7 @@ bool isSameFile(const QXURL& a, const QXURL& b);
 QXURL partialURLFor(const QXURL& url);
 } // namespace qx
 
-class QXJob : public QXCoding, public std::enable_shared_from_this<QXJob> {
+class QX_EXPORT QXJob : public QXCoding, public std::enable_shared_from_this<QXJob> {
 public:
     QXJob() = default;
     ~QXJob() override;

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "qxmedia/core/QXExport.h"
 #include "qxmedia/platform/foundation/QXValue.h"
 #include "qxmedia/platform/plist/QXKeyedArchiver.h"
 
@@ -18,6 +19,7 @@ class QXVideoTrack;
 
 // Identifier constants; each holds the text of its own name. Identifiers are
 // compared as texts.
+#pragma GCC visibility push(default) // the names below are exported
 extern const char QXPresetUpdate[];
 extern const char QXPresetUpdateRename[];
 extern const char QXPresetPassthrough[];
@@ -52,6 +54,7 @@ extern const char QXPresetiPod[];
 extern const char QXPresetiPhone[];
 extern const char QXPresetiPad[];
 extern const char QXPresetAppleTV[];
+#pragma GCC visibility pop
 
 // Values of `videoCodec`: four-character codes read big-endian.
 constexpr uint32_t QXPresetVideoCodecAVC1 = 0x61766331; // 'avc1'
@@ -64,7 +67,7 @@ constexpr uint32_t QXPresetVideoCodecHEVCAlias = 0xC9ECC662;
 constexpr int64_t QXPresetPictureSquarePixels = 0;   // scale to the box with square pixels
 constexpr int64_t QXPresetPictureKeepAspect = 2;     // keep the source's sample aspect
 
-class QXPreset : public QXCoding {
+class QX_EXPORT QXPreset : public QXCoding {
 public:
     // A preset whose only set field is `name`, "Unknown".
     static std::shared_ptr<QXPreset> init();

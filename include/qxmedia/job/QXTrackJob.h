@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "qxmedia/core/QXExport.h"
 #include "qxmedia/source/QXTrack.h"
 
 class QXMovie;
@@ -20,7 +21,7 @@ enum QXTrackJobType : int64_t {
     QXTrackJobTypeKeep = 2,   // the track stays where it is (in-place update)
 };
 
-class QXTrackJob {
+class QX_EXPORT QXTrackJob {
 public:
     // Makes the reader output and the muxer input for a copied or encoded
     // line. The input is null when no input class handles the codec yet; the

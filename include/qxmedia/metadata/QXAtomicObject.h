@@ -8,8 +8,10 @@
 #include <mutex>
 #include <utility>
 
+#include "qxmedia/core/QXExport.h"
+
 template <class T>
-class QXAtomicObject {
+class QX_EXPORT QXAtomicObject {
 public:
     using Ref = std::shared_ptr<const T>;
 

@@ -16,6 +16,7 @@
 #include <string_view>
 #include <vector>
 
+#include "qxmedia/core/QXExport.h"
 #include "qxmedia/metadata/QXAtomicObject.h"
 #include "qxmedia/platform/foundation/QXValue.h"
 #include "qxmedia/platform/plist/QXKeyedArchiver.h"
@@ -27,6 +28,7 @@ class MP4File;
 }
 
 // The keys of the record.
+#pragma GCC visibility push(default) // the names below are exported
 extern const char QXImdbId[];
 extern const char QXImdbSeriesId[];
 extern const char QXTmdbMovieId[];
@@ -114,6 +116,7 @@ extern const char QXCompilation[];
 extern const char QXContentRatingString[];
 extern const char QXHDString[];
 extern const char QXDatabaseForTVShow[];
+#pragma GCC visibility pop
 
 // The absence of a content rating.
 inline constexpr uint64_t QXNoContentRating = 2147483647;
@@ -123,7 +126,7 @@ using QXStringList = std::vector<std::string>;
 // marker that setArtwork(nullptr) puts in front.
 using QXArtworkList = std::vector<QXImageRef>;
 
-class QXMetaData : public QXCoding {
+class QX_EXPORT QXMetaData : public QXCoding {
     struct Private {};
 
 public:

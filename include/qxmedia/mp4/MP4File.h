@@ -9,6 +9,7 @@
 // The box tree is `root()`; tracks are MP4Track objects by track ID. Nothing
 // of mdat is loaded: samples are read on request.
 
+#include "qxmedia/core/QXExport.h"
 #include "qxmedia/mp4/MP4Box.h"
 #include "qxmedia/mp4/MP4MovieBoxes.h"
 #include "qxmedia/mp4/MP4Track.h"
@@ -50,7 +51,7 @@ struct MP4TrackMetadata {
     std::map<std::string, std::string> dictionary() const;
 };
 
-class MP4File {
+class QX_EXPORT MP4File {
 public:
     enum class Mode { Read, Modify, Create };
 

@@ -2,11 +2,12 @@
 // QXAudioTrack: channels, layout, sample rate, frame size, service type and
 // the MP4 references to a fallback and a follower track.
 
+#include "qxmedia/core/QXExport.h"
 #include "qxmedia/source/QXTrack.h"
 
 class QXSubtitleTrack;
 
-class QXAudioTrack : public QXTrack {
+class QX_EXPORT QXAudioTrack : public QXTrack {
 public:
     QXAudioTrack();
     static std::shared_ptr<QXAudioTrack> init();

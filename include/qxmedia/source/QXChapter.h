@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "qxmedia/core/QXExport.h"
 #include "qxmedia/platform/foundation/CMTime.h"
 #include "qxmedia/platform/foundation/QXValue.h"
 #include "qxmedia/platform/plist/QXKeyedArchiver.h"
@@ -13,7 +14,7 @@
 class QXChapter;
 using QXChapterRef = std::shared_ptr<QXChapter>;
 
-class QXChapter : public QXCoding {
+class QX_EXPORT QXChapter : public QXCoding {
 public:
     std::optional<std::string> title; // absent until set
     QXImageRef image;                 // images are immutable, so sharing one is copying it

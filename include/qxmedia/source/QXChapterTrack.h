@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "qxmedia/core/QXExport.h"
 #include "qxmedia/platform/foundation/CMTime.h"
 #include "qxmedia/platform/foundation/QXError.h"
 #include "qxmedia/platform/foundation/QXValue.h"
@@ -22,7 +23,7 @@ struct AVFormatContext;
 class QXChapterTrack;
 using QXChapterTrackRef = std::shared_ptr<QXChapterTrack>;
 
-class QXChapterTrack : public QXCoding {
+class QX_EXPORT QXChapterTrack : public QXCoding {
 public:
     int32_t trackID = 0; // the chapter stream's id; 0 when the list comes from elsewhere
     std::vector<QXChapterRef> chapters;

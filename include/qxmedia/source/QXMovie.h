@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "qxmedia/core/QXExport.h"
 #include "qxmedia/platform/dispatch/dispatch.h"
 #include "qxmedia/platform/foundation/CMTime.h"
 #include "qxmedia/platform/foundation/QXError.h"
@@ -36,7 +37,7 @@ enum QXMovieStatus : int64_t {
     QXMovieStatusCancelled = 4,
 };
 
-class QXMovie : public std::enable_shared_from_this<QXMovie> {
+class QX_EXPORT QXMovie : public std::enable_shared_from_this<QXMovie> {
 public:
     static std::shared_ptr<QXMovie> initWithURL(const QXURL& url, QXErrorRef* error = nullptr);
     // Null when the input cannot be opened or probed; the error says why.

@@ -3,6 +3,7 @@
 // a 3GPP timed-text (tx3g) sample description. QXBitmapSubtitleTrack: a
 // bitmap subtitle stream, which has no such description.
 
+#include "qxmedia/core/QXExport.h"
 #include "qxmedia/source/QXVisualTrack.h"
 
 class QXVideoTrack;
@@ -12,7 +13,7 @@ constexpr uint32_t QXSubtitleObeyFormattingFlag = 0x20000000;
 constexpr uint32_t QXSubtitleSomeSamplesForced = 0x40000000;
 constexpr uint32_t QXSubtitleAllSamplesForced = 0x80000000;
 
-class QXSubtitleTrack : public QXVisualTrack {
+class QX_EXPORT QXSubtitleTrack : public QXVisualTrack {
 public:
     QXSubtitleTrack();
     static std::shared_ptr<QXSubtitleTrack> init();
@@ -54,7 +55,7 @@ protected:
     void copyFrom(const QXTrack& other) override;
 };
 
-class QXBitmapSubtitleTrack : public QXVisualTrack {
+class QX_EXPORT QXBitmapSubtitleTrack : public QXVisualTrack {
 public:
     QXBitmapSubtitleTrack();
     static std::shared_ptr<QXBitmapSubtitleTrack> init();

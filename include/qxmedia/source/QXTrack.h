@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "qxmedia/core/QXExport.h"
 #include "qxmedia/platform/coremedia/CMSampleBuffer.h"
 #include "qxmedia/platform/dispatch/dispatch.h"
 #include "qxmedia/platform/foundation/CMTime.h"
@@ -30,6 +31,7 @@ class MP4File;
 // Media types, as the platform names them.
 // FFmpeg owns the name AVMediaType (an enum); the platform's string form is QXMediaType.
 using QXMediaType = const char*;
+#pragma GCC visibility push(default) // the names below are exported
 extern const char AVMediaTypeVideo[];    // "vide"
 extern const char AVMediaTypeAudio[];    // "soun"
 extern const char AVMediaTypeSubtitle[]; // "sbtl"
@@ -40,13 +42,14 @@ extern const char AVTrackAssociationTypeChapterList[];         // "chap"
 extern const char AVTrackAssociationTypeAudioFallback[];       // "fall"
 extern const char AVTrackAssociationTypeSelectionFollower[];   // "folw"
 extern const char AVTrackAssociationTypeForcedSubtitlesOnly[]; // "forc"
+#pragma GCC visibility pop
 
 // Four-character codec ids of protected sample entries.
 constexpr int32_t QXCodecIDFairPlayVideo = 0x64726D69; // 'drmi'
 constexpr int32_t QXCodecIDFairPlayAudio = 0x64726D73; // 'drms'
 constexpr int32_t QXCodecIDFairPlayText = 0x64726D74;  // 'drmt'
 
-class QXTrack : public QXCoding, public std::enable_shared_from_this<QXTrack> {
+class QX_EXPORT QXTrack : public QXCoding, public std::enable_shared_from_this<QXTrack> {
 public:
     // A fresh track with the initial values (the constructor is `init`).
     QXTrack();

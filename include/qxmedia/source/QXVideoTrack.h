@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "qxmedia/core/QXExport.h"
 #include "qxmedia/source/QXVisualTrack.h"
 
 struct QXRational {
@@ -12,7 +13,7 @@ struct QXRational {
     int32_t den = 1;
 };
 
-class QXVideoTrack : public QXVisualTrack {
+class QX_EXPORT QXVideoTrack : public QXVisualTrack {
 public:
     QXVideoTrack();
     static std::shared_ptr<QXVideoTrack> init();

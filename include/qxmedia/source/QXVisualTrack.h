@@ -1,6 +1,7 @@
 #pragma once
 // QXVisualTrack: a track with picture geometry (video and subtitles).
 
+#include "qxmedia/core/QXExport.h"
 #include "qxmedia/source/QXTrack.h"
 
 // An affine transform as the platform describes it: [a b; c d] plus (tx, ty).
@@ -9,7 +10,7 @@ struct QXAffineTransform {
     bool operator==(const QXAffineTransform&) const = default;
 };
 
-class QXVisualTrack : public QXTrack {
+class QX_EXPORT QXVisualTrack : public QXTrack {
 public:
     uint64_t width = 0;
     uint64_t height = 0;

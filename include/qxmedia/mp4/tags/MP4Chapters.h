@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#pragma GCC visibility push(default) // the names below are exported
 namespace qx::mp4 {
 
 class MP4File;
@@ -78,3 +79,4 @@ MP4ChapterType MP4SetChapters(MP4File& file, const std::vector<MP4Chapter>& chap
 MP4ChapterType MP4DeleteChapters(MP4File& file, MP4ChapterType type = MP4ChapterTypeQt, uint32_t chapterTrackId = 0);
 
 } // namespace qx::mp4
+#pragma GCC visibility pop

@@ -20,6 +20,7 @@
 
 #include "qxmedia/mp4/tags/MP4Itmf.h"
 
+#pragma GCC visibility push(default) // the names below are exported
 namespace qx::mp4 {
 
 class MP4File;
@@ -140,3 +141,4 @@ bool MP4TagsFetch(MP4Tags& tags, MP4File& file);
 bool MP4TagsStore(const MP4Tags& tags, MP4File& file);
 
 } // namespace qx::mp4
+#pragma GCC visibility pop

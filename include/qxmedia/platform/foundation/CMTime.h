@@ -70,6 +70,7 @@ constexpr bool CMTIME_HAS_BEEN_ROUNDED(CMTime t)
     return CMTIME_IS_NUMERIC(t) && (t.flags & kCMTimeFlags_HasBeenRounded) != 0;
 }
 
+#pragma GCC visibility push(default) // the names below are exported
 // A numeric time; a timescale of 0 or less gives invalid.
 CMTime CMTimeMake(int64_t value, int32_t timescale);
 // Seconds in the preferred timescale, rounded half away from zero; NaN is
@@ -119,5 +120,6 @@ inline bool CMTIMERANGE_IS_VALID(CMTimeRange range)
            range.duration.value >= 0;
 }
 bool CMTimeRangeContainsTime(CMTimeRange range, CMTime time);
+#pragma GCC visibility pop
 
 } // namespace qx

@@ -14,6 +14,8 @@
 #include <variant>
 #include <vector>
 
+#include "qxmedia/core/QXExport.h"
+
 class QXImage;
 class QXValue;
 
@@ -24,7 +26,7 @@ using QXArray = std::vector<QXValue>;
 using QXDictionary = std::map<std::string, QXValue, std::less<>>;
 using QXImageRef = std::shared_ptr<const QXImage>;
 
-class QXValue {
+class QX_EXPORT QXValue {
 public:
     enum class Type { Null, Bool, Int, UInt, Double, String, Data, Date, URL, Image, Array, Dictionary };
 

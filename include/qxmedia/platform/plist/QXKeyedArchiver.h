@@ -28,6 +28,7 @@
 #include <string_view>
 #include <vector>
 
+#include "qxmedia/core/QXExport.h"
 #include "qxmedia/platform/foundation/CMTime.h"
 #include "qxmedia/platform/foundation/QXError.h"
 #include "qxmedia/platform/foundation/QXValue.h"
@@ -36,7 +37,7 @@
 class QXKeyedArchiver;
 class QXKeyedUnarchiver;
 
-class QXCoding {
+class QX_EXPORT QXCoding {
 public:
     virtual ~QXCoding() = default;
     // The name the class is registered under; stored as "$class".

@@ -23,7 +23,9 @@
 #include <utility>
 #include <vector>
 
-class QXProgress : public std::enable_shared_from_this<QXProgress> {
+#include "qxmedia/core/QXExport.h"
+
+class QX_EXPORT QXProgress : public std::enable_shared_from_this<QXProgress> {
 public:
     using Observer = std::function<void(double fractionCompleted)>;
     using ObserverToken = uint64_t;
