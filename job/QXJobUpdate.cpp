@@ -27,8 +27,6 @@ using namespace qx;
 
 namespace {
 
-constexpr int64_t kFailedToOpenFile = -13001;
-constexpr int64_t kFailedToWriteFile = -11807;
 constexpr char kTagsAttribute[] = "user.xdg.tags";
 
 // File tags, as the desktop's file managers keep them.
@@ -70,7 +68,7 @@ bool QXJob::updateMetadata(QXErrorRef* error)
     std::shared_ptr<mp4::MP4File> file = mp4::MP4File::modify(fileURL);
     if (!file) {
         QXErrorRef failure =
-            QXMedia::errorWithDomain(QXMediaErrorDomain, kFailedToOpenFile, {{NSURLErrorKey, QXValue(fileURL)}});
+            QXMedia::errorWithDomain(QXMediaErrorDomain, QXErrorFailedToOpenFile, {{NSURLErrorKey, QXValue(fileURL)}});
         QXSetError(error, failure);
         fail(failure);
         endRun();
@@ -109,7 +107,7 @@ void QXJob::finishUpdate(const std::shared_ptr<mp4::MP4File>& file, const std::s
     muxer->handle.reset();
     if (status < QXJobStatusFailed) {
         if (!file->close(mp4::MP4_CLOSE_DO_NOT_COMPUTE_BITRATE)) {
-            fail(QXMedia::errorWithDomain(QXMediaErrorDomain, kFailedToWriteFile, {{NSURLErrorKey, QXValue(fileURL)}}));
+            fail(QXMedia::errorWithDomain(QXMediaErrorDomain, QXErrorDiskFull, {{NSURLErrorKey, QXValue(fileURL)}}));
         } else if (metadata) {
             if (auto date = metadata->creationDate.get()) setFileDate(fileURL, *date);
         }

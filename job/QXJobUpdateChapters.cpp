@@ -19,7 +19,6 @@ using namespace qx;
 
 namespace {
 
-constexpr int64_t kFailedToAddTrack = -13010;
 constexpr mp4::FourCC kChapterReference = mp4::fourcc("chap");
 // tkhd of the image track: in the movie but not enabled, layer 1; that is
 // what marks a chapter image track when the file is read back.
@@ -112,7 +111,7 @@ void QXJob::replaceChapters(mp4::MP4File& file)
 
     const uint32_t titles = file.addChapterTextTrack(video->id(), uint32_t(timescale));
     if (titles == 0) {
-        fail(QXMedia::errorWithDomain(QXMediaErrorDomain, kFailedToAddTrack, {{NSURLErrorKey, QXValue(file.path())}}));
+        fail(QXMedia::errorWithDomain(QXMediaErrorDomain, QXErrorFailedToAddTrack, {{NSURLErrorKey, QXValue(file.path())}}));
         progress->resignCurrent();
         return;
     }
