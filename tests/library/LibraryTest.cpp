@@ -12,6 +12,7 @@
 #include "qxmedia/library/QXLibraryMetadata.h"
 #include "qxmedia/library/QXMediaManager.h"
 #include "qxmedia/metadata/QXMetaData.h"
+#include "qxmedia/mp4/MP4File.h"
 
 namespace fs = std::filesystem;
 
@@ -111,6 +112,20 @@ TEST_F(LibraryTest, AddFilesACopyUnderTheShowAndFindsItByID)
     ASSERT_TRUE(again);
     EXPECT_EQ(again->track.persistentID, track->track.persistentID);
     EXPECT_EQ(library->fileTracks().size(), 1u);
+
+    // The file's tags change: refresh reads them again.
+    {
+        auto file = qx::mp4::MP4File::modify(expected);
+        ASSERT_TRUE(file);
+        auto tags = QXMetaData::initWithFile(file.get());
+        tags->name.set("Pilot, Part 2");
+        ASSERT_TRUE(tags->writeToFile(*file) && file->close());
+    }
+    found->refresh();
+    EXPECT_EQ(library->trackWithPersistentID(track->track.persistentID)->track.text("name"), "Pilot, Part 2");
+    EXPECT_TRUE(library->remove(track->track.persistentID, true));
+    EXPECT_FALSE(fs::exists(expected.parent_path().parent_path()));
+    EXPECT_TRUE(library->fileTracks().empty());
 }
 
 TEST_F(LibraryTest, LocationsAreStoredRelativeToTheFolder)
