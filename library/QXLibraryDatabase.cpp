@@ -249,28 +249,35 @@ bool QXLibraryDatabase::transaction(const std::function<bool()>& body, QXErrorRe
 
 QXURL QXLibraryDatabase::folder() const
 {
+    // Read once per connection: every location is resolved against it.
+    if (folder_) return *folder_;
+    QXURL folder = QXURL(path_).replace_extension();
     if (schemaVersion() >= 2) {
         Statement query(db_, "SELECT value FROM settings WHERE key = 'folder'");
-        if (query.ok() && query.step() == SQLITE_ROW) return query.text(0);
+        if (query.ok() && query.step() == SQLITE_ROW) folder = query.text(0);
+        folder_ = folder;
     }
-    return QXURL(path_).replace_extension();
+    return folder;
 }
 
 bool QXLibraryDatabase::setFolder(const QXURL& folder, QXErrorRef* error)
 {
     // Locations are relative to the folder: they are rewritten with it.
     std::vector<QXLibraryTrackFields> tracks = allTracks();
-    return transaction(
+    const bool changed = transaction(
         [&] {
             Statement set(db_, "INSERT OR REPLACE INTO settings(key, value) VALUES('folder', ?)");
             set.bind(1, fs::absolute(folder).lexically_normal().string());
             if (set.step() != SQLITE_DONE) return (QXSetError(error, lastError("set folder")), false);
+            folder_ = fs::absolute(folder).lexically_normal();
             for (const QXLibraryTrackFields& track : tracks) {
                 if (!updateTrack(track, error)) return false;
             }
             return true;
         },
         error);
+    if (!changed) folder_.reset();
+    return changed;
 }
 
 std::string QXLibraryDatabase::relativeLocation(const QXURL& location) const

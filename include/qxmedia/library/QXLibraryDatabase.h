@@ -98,6 +98,7 @@ private:
 
     sqlite3* db_ = nullptr;
     QXURL path_;
+    mutable std::optional<QXURL> folder_;
 };
 
 // The text and number properties a file track has, in column order.
