@@ -8,6 +8,7 @@
 
 #include "qxmedia/core/QXMedia.h"
 #include "qxmedia/job/QXJob.h"
+#include "qxmedia/library/QXMediaManager.h"
 #include "qxmedia/muxer/QXMuxer.h"
 #include "qxmedia/muxer/QXMuxerChapterInput.h"
 #include "qxmedia/platform/progress/QXProgress.h"
@@ -145,19 +146,24 @@ void QXJob::finishProcessing(const QXErrorRef& runError, const std::shared_ptr<Q
     }
     // The read loops are done before the file gets its final name or goes.
     releaseOutputs(tracks);
+    QXURL output = partialDestination;
     if (status < QXJobStatusFailed) renamePartialOutput();
-    // Fast start and the media library come after this, once they exist.
+    if (status < QXJobStatusFailed) {
+        output = destination;
+        finishOutput();
+    }
 
-    // A failed or cancelled run moves its partial file to the trash, where
-    // the user can still look at what was written; `destination` then names
-    // the trashed file. Whatever sat under the final name is untouched.
+    // A failed or cancelled run moves its output to the trash, where the
+    // user can still look at what was written; `destination` then names
+    // the trashed file. A run that failed before the rename leaves whatever
+    // sat under the final name untouched.
     const int64_t ended = status;
-    if (!partialDestination.empty() && (ended == QXJobStatusFailed || ended == QXJobStatusCancelled) &&
-        std::filesystem::exists(partialDestination)) {
+    if (!output.empty() && (ended == QXJobStatusFailed || ended == QXJobStatusCancelled) &&
+        std::filesystem::exists(output)) {
         QXURL trashed;
         QXErrorRef trashError;
-        if (!trashItemAtURL(partialDestination, &trashed, &trashError)) {
-            QXLogWarning("Failed to delete %s: %s", partialDestination.c_str(), describe(trashError).c_str());
+        if (!trashItemAtURL(output, &trashed, &trashError)) {
+            QXLogWarning("Failed to delete %s: %s", output.c_str(), describe(trashError).c_str());
         } else if (!trashed.empty()) {
             destination = trashed;
         }
@@ -178,6 +184,30 @@ void QXJob::finishProcessing(const QXErrorRef& runError, const std::shared_ptr<Q
     }
 
     endRun();
+}
+
+void QXJob::finishOutput()
+{
+    if (optimize && status < QXJobStatusFailed) {
+        progress->setCompletedUnitCount(0);
+        progress->becomeCurrentWithPendingUnitCount(100);
+        optimizeFile(destination);
+        progress->resignCurrent();
+    }
+    finishOutputToLibrary();
+}
+
+void QXJob::finishOutputToLibrary()
+{
+    if (addToiTunes && status < QXJobStatusFailed) {
+        progress->setCompletedUnitCount(0);
+        progress->becomeCurrentWithPendingUnitCount(100);
+        if (auto added = addFileToiTunes(destination)) {
+            track = added;
+            if (auto location = added->location()) destination = *location;
+        }
+        progress->resignCurrent();
+    }
 }
 
 void QXJob::renamePartialOutput()

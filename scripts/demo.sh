@@ -40,3 +40,13 @@ echo
 echo
 "$qx" convert "$sample" -o sample/sample-720p.m4v --preset 720p
 describe sample/sample-720p.m4v
+echo
+# Fast start and the hand-over to a media library kept in a temporary
+# XDG_DATA_HOME: the library files the video in a media-server layout.
+library_home=$(mktemp -d)
+trap 'rm -rf "$library_home"' EXIT
+cp sample/sample.m4v sample/sample-library.m4v
+XDG_DATA_HOME="$library_home" "$qx" convert sample/sample-library.m4v -o sample/sample-library-out.m4v \
+  --optimize --add-to-library tv
+rm -f sample/sample-library.m4v
+XDG_DATA_HOME="$library_home" "$qx" library list

@@ -3,6 +3,7 @@
 // name) and returns the process's exit status.
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -35,3 +36,6 @@ int runPresets(const Arguments& arguments);
 bool isDVDFolderArgument(const Arguments& arguments);
 int runDVDInfo(const Arguments& arguments);
 int runMkvWalk(const Arguments& arguments);
+int runLibrary(const Arguments& arguments);
+// The library identifier of "tv", "music", "itunes" or of an identifier itself.
+std::optional<std::string> libraryIdentifierNamed(const std::string& name);

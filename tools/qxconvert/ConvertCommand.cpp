@@ -1,5 +1,6 @@
 // qxconvert convert FILE... -o OUT [--preset ID] [--subtitles FILE]... [--plan]
-// [--progress json]: one conversion through a job (preset, plan, run).
+// [--progress json] [--optimize] [--add-to-library [ID]] [--trash-source]:
+// one conversion through a job (preset, plan, run).
 // qxconvert remux is the same with the passthrough preset, and
 // qxconvert presets lists the presets convert accepts.
 
@@ -19,6 +20,7 @@
 #include "Report.h"
 #include "qxmedia/job/QXJob.h"
 #include "qxmedia/job/QXPreset.h"
+#include "qxmedia/library/QXMediaManager.h"
 #include "qxmedia/source/QXDVDTitleSource.h"
 #include "qxmedia/source/QXMovie.h"
 #include "qxmedia/source/QXVideoTrack.h"
@@ -33,10 +35,15 @@ struct ConvertArguments {
     bool planOnly = false;
     bool jsonProgress = false;
     int title = 0; // of a DVD folder; 0 when none was asked for
+    bool optimize = false;
+    bool addToLibrary = false;
+    std::string libraryIdentifier; // empty: chosen by the video's kind
+    bool trashSource = false;
 };
 
 constexpr char kUsage[] =
     "usage: qxconvert convert FILE... -o OUT.m4v [--preset ID] [--subtitles FILE]... [--plan] [--progress json]\n"
+    "       [--optimize] [--add-to-library [tv|music|itunes]] [--trash-source]\n"
     "       qxconvert convert DVD_FOLDER [--title N] -o OUT.m4v ...\n";
 
 bool isUpdatePreset(const std::string& identifier)
@@ -90,6 +97,18 @@ std::optional<ConvertArguments> parse(const Arguments& arguments, bool fixedPres
                 std::fprintf(stderr, "qxconvert: --title takes a title number from 1\n%s", kUsage);
                 return std::nullopt;
             }
+        } else if (argument == "--optimize") {
+            parsed.optimize = true;
+        } else if (argument == "--add-to-library") {
+            parsed.addToLibrary = true;
+            if (hasValue) {
+                if (auto identifier = libraryIdentifierNamed(arguments[i + 1])) {
+                    parsed.libraryIdentifier = *identifier;
+                    ++i;
+                }
+            }
+        } else if (argument == "--trash-source") {
+            parsed.trashSource = true;
         } else if (argument == "--plan") {
             parsed.planOnly = true;
         } else if (argument == "--progress" && hasValue && arguments[i + 1] == "json") {
@@ -167,7 +186,11 @@ int run(const std::shared_ptr<QXJob>& job, const ConvertArguments& parsed)
     progress.finish(*job);
 
     if (succeeded) {
-        if (!parsed.jsonProgress) std::printf("wrote %s\n", parsed.output.c_str());
+        if (!parsed.jsonProgress) std::printf("wrote %s\n", job->destination.c_str());
+        if (job->track && !parsed.jsonProgress) {
+            std::printf("added to the library as %s\n", job->track->track.persistentID.c_str());
+        }
+        if (job->error() && !parsed.jsonProgress) report::note(job->error()->localizedDescription());
         return 0;
     }
     if (job->status == QXJobStatusCancelled) {
@@ -209,6 +232,10 @@ int convert(const ConvertArguments& given)
     job->metadata = movie->metadata;
     job->chapters = movie->chapters;
     job->destination = output;
+    job->optimize = parsed.optimize;
+    job->addToiTunes = parsed.addToLibrary;
+    job->libraryIdentifier = parsed.libraryIdentifier;
+    job->moveToTrash = parsed.trashSource;
     if (!parsed.subtitles.empty()) {
         std::vector<QXURL> subtitles;
         for (const QXURL& file : parsed.subtitles) subtitles.push_back(std::filesystem::absolute(file));

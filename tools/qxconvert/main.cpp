@@ -48,11 +48,16 @@ const std::map<std::string, Command>& commands()
         {"presets", {"presets                       the presets convert accepts, with what each makes",
                      runPresets}},
         {"convert", {"convert FILE...|DVD_FOLDER [--title N] -o OUT.m4v [--preset ID] [--subtitles FILE]... [--plan] [--progress json]\n"
+                     "                                [--optimize] [--add-to-library [NAME]] [--trash-source]\n"
                      "                                converts a source (default preset: Passthrough)",
                      runConvert}},
         {"remux", {"remux FILE... -o OUT.m4v      convert with the Passthrough preset", runRemux}},
         {"update", {"update FILE.m4v [--set KEY=VALUE]... [--chapters FILE] [--remove-track N]... [--subtitles FILE]...\n"
                     "                [--rename]    rewrites tags, chapters and tracks in place", runUpdate}},
+
+        {"library", {"library list|show ID|add FILE [--in-place]|remove ID [--delete] [--library NAME] [--json]\n"
+                     "                                the local media library (NAME: tv, music, itunes)",
+                     runLibrary}},
         {"mkvwalk", {"mkvwalk FILE                  the Matroska diagnostic walk of a file", runMkvWalk}},
     };
     return table;

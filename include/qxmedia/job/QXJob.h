@@ -123,6 +123,10 @@ public:
     QXErrorRef iTunesError;
     // Source tracks the user took out of the plan; the in-place update removes them.
     std::vector<QXTrackRef> removedTracks;
+    // The library that addToiTunes hands the output to; empty picks it by
+    // the metadata's videoKind. Whether it copies the file into its folder.
+    std::string libraryIdentifier;
+    bool libraryCopiesFiles = true;
 
     // Why the job failed or that it was cancelled. Unlike a movie's error, a
     // later error replaces an earlier one: a failure overwrites a cancel.
@@ -174,6 +178,20 @@ public:
 
     std::string description() const;
 
+    // Finishing steps, run after the output exists; each blocks the caller.
+    // The fast-start rewrite (moov before mdat) in place: Optimizing, and
+    // Failed with `error` when it fails.
+    bool optimizeFile(const QXURL& url);
+    // Hands the file to the media library: AddingToLibrary; Failed when
+    // the library takes nothing. A copy made by the library removes `url`.
+    // The track also gets `metadata`.
+    std::shared_ptr<QXMediaManagerTrack> addFileToiTunes(const QXURL& url);
+    // Moves an item to the trash, or deletes it where there is none.
+    bool trashItemAtURL(const QXURL& url, QXURL* trashedURL = nullptr, QXErrorRef* error = nullptr);
+    // A failed event of the library: kept in iTunesError unless it only
+    // said the library was busy.
+    void eventDidFail(uint32_t descriptorType, const QXErrorRef& error);
+
     // The file of a source (the movie, attached movies or a line of the
     // plan) that `destination` would overwrite, or an empty URL. Compares
     // device and inode, so "./A", "A" and a link to A are one file.
@@ -220,6 +238,13 @@ private:
     // to the library (after it).
     void finishUpdatedFile();
     void addUpdatedFileToLibrary();
+
+    // Fast start and the library hand-over of a converted output, as asked.
+    void finishOutput();
+    // The hand-over to the library of `destination`, when asked.
+    void finishOutputToLibrary();
+    // The work of addFileToiTunes, on a global queue.
+    std::shared_ptr<QXMediaManagerTrack> handOverToLibrary(const QXURL& url);
 
     mutable std::mutex lock_; // error_ and progressMovie_
     QXErrorRef error_;

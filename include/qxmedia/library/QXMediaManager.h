@@ -1,0 +1,91 @@
+#pragma once
+// The media library as a job sees it: an application (one library,
+// chosen by identifier) that takes files and finds tracks, and the file
+// tracks it gives back. The three identifiers of QXLibraryMetadata.h are
+// the libraries known; each is a local library (QXLibraryDatabase).
+//
+// Objects of these classes have no lock: one thread uses them at a time.
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "qxmedia/library/QXLibraryDatabase.h"
+#include "qxmedia/platform/foundation/QXError.h"
+#include "qxmedia/platform/foundation/QXValue.h"
+
+class QXMetaData;
+class QXMediaManagerTrack;
+
+// Four-character codes of the library's events, as a failed event reports them.
+constexpr uint32_t QXLibraryEventAdd = 0x41646420;     // 'Add '
+constexpr uint32_t QXLibraryEventSet = 0x73657464;     // 'setd'
+constexpr uint32_t QXLibraryEventOpen = 0x6F646F63;    // 'odoc'
+
+class QXMediaManagerApplication : public std::enable_shared_from_this<QXMediaManagerApplication> {
+public:
+    static std::shared_ptr<QXMediaManagerApplication> applicationWithBundleIdentifier(const std::string& identifier);
+    // Music videos (6) go to the Music library, every other kind to TV.
+    static std::shared_ptr<QXMediaManagerApplication> applicationForMediaKind(int64_t mediaKind);
+
+    std::string identifier;
+    // Whether added files are copied into the library folder (and the
+    // source then removed by the caller); false files them where they are.
+    bool copiesFiles = true;
+    // Told of every failed event, with its four-character code.
+    std::function<void(uint32_t eventType, const QXErrorRef& error)> delegate;
+
+    // Seconds a call waits for another process using the library; -2 waits
+    // without limit.
+    void setTimeout(int64_t seconds);
+
+    // Files a video: copies it into the library folder (unless copiesFiles
+    // is false or it already lies there) and records a track with its tags,
+    // as one unit. A file already in the library gives its existing track.
+    std::shared_ptr<QXMediaManagerTrack> add(const QXURL& url, QXErrorRef* error = nullptr);
+    std::shared_ptr<QXMediaManagerTrack> trackWithPersistentID(const std::string& persistentID);
+    std::vector<std::shared_ptr<QXMediaManagerTrack>> fileTracks();
+    // Forgets a track; the file stays unless deleteFile.
+    bool remove(const std::string& persistentID, bool deleteFile, QXErrorRef* error = nullptr);
+
+    // The library's database, opened at first use; null if it cannot be.
+    QXLibraryDatabase* database(QXErrorRef* error = nullptr);
+
+private:
+    bool knowsIdentifier() const;
+    void eventDidFail(uint32_t eventType, const QXErrorRef& error) const;
+    std::shared_ptr<QXMediaManagerTrack> wrap(const QXLibraryTrackFields& fields);
+    std::optional<QXLibraryTrackFields> file(const QXURL& source, QXErrorRef* error);
+
+    std::unique_ptr<QXLibraryDatabase> database_;
+    int64_t timeout_ = 10;
+};
+
+class QXMediaManagerTrack {
+public:
+    static std::shared_ptr<QXMediaManagerTrack> trackWithIdentifier(const std::string& identifier,
+                                                                    const QXLibraryTrackFields& track,
+                                                                    std::shared_ptr<QXMediaManagerApplication> owner);
+
+    QXLibraryTrackFields track;
+    std::string identifier;
+
+    // Never null: a track that cannot be read gives an empty record.
+    std::shared_ptr<QXMetaData> metadata() const;
+    // Writes every field, then the ratings and the media kind; failures
+    // are log lines.
+    void setMetadata(const QXMetaData& metadata);
+    std::optional<QXDate> dateAdded() const;
+    std::optional<QXURL> location() const;
+    // Reads the file's tags again into the track.
+    void refresh();
+    // The folder that holds the file.
+    QXURL reveal() const;
+
+private:
+    bool save(QXErrorRef* error = nullptr);
+    std::weak_ptr<QXMediaManagerApplication> owner_;
+};
