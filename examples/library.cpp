@@ -6,9 +6,6 @@
 
 #include <cstdio>
 
-#if __has_include(<qxmedia/library/QXMediaManager.h>)
-#include <qxmedia/library/QXMediaManager.h>
-
 int main()
 {
     QXMedia::sharedMedia();
@@ -24,10 +21,3 @@ int main()
     }
     return 0;
 }
-#else
-int main()
-{
-    std::fprintf(stderr, "this build of QXMedia has no media library\n");
-    return 1;
-}
-#endif

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "qxmedia/core/QXExport.h"
 #include "qxmedia/library/QXLibraryDatabase.h"
 #include "qxmedia/platform/foundation/QXError.h"
 #include "qxmedia/platform/foundation/QXValue.h"
@@ -25,7 +26,7 @@ constexpr uint32_t QXLibraryEventAdd = 0x41646420;     // 'Add '
 constexpr uint32_t QXLibraryEventSet = 0x73657464;     // 'setd'
 constexpr uint32_t QXLibraryEventOpen = 0x6F646F63;    // 'odoc'
 
-class QXMediaManagerApplication : public std::enable_shared_from_this<QXMediaManagerApplication> {
+class QX_EXPORT QXMediaManagerApplication : public std::enable_shared_from_this<QXMediaManagerApplication> {
 public:
     static std::shared_ptr<QXMediaManagerApplication> applicationWithBundleIdentifier(const std::string& identifier);
     // Music videos (6) go to the Music library, every other kind to TV.
@@ -64,7 +65,7 @@ private:
     int64_t timeout_ = 10;
 };
 
-class QXMediaManagerTrack {
+class QX_EXPORT QXMediaManagerTrack {
 public:
     static std::shared_ptr<QXMediaManagerTrack> trackWithIdentifier(const std::string& identifier,
                                                                     const QXLibraryTrackFields& track,
