@@ -1,5 +1,6 @@
 #include "qxmedia/muxer/QXMuxerVideoToolboxInput.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 
@@ -12,6 +13,7 @@ extern "C" {
 #include "qxmedia/core/QXMedia.h"
 #include "qxmedia/mp4/MP4File.h"
 #include "qxmedia/platform/coremedia/CMFormatDescription.h"
+#include "qxmedia/reader/QXTrackReaderOutput.h"
 #include "qxmedia/source/QXVideoTrack.h"
 
 using namespace qx;
@@ -277,8 +279,34 @@ bool QXMuxerVideoToolboxInput::generateExtradata(QXErrorRef* error)
     return result;
 }
 
+bool QXMuxerVideoToolboxInput::appendSampleBuffer(const CMSampleBufferRef& sample)
+{
+    if (const size_t bytes = QXTrackReaderOutput::sampleBytes(sample)) {
+        // One picture always fits, however large.
+        std::unique_lock hold(picturesLock_);
+        pictureEncoded_.wait(hold, [&] { return pictureBytes_ == 0 || pictureBytes_ + bytes <= kPictureBytesInFlight; });
+        pictureBytes_ += bytes;
+    }
+    return QXMuxerChapterInput::appendSampleBuffer(sample);
+}
+
+void QXMuxerVideoToolboxInput::releasePicture(size_t bytes)
+{
+    {
+        std::lock_guard hold(picturesLock_);
+        pictureBytes_ -= std::min(bytes, pictureBytes_);
+    }
+    pictureEncoded_.notify_all();
+}
+
 void QXMuxerVideoToolboxInput::processSample(const CMSampleBufferRef& sample)
 {
+    // The encoder has its own copy of a picture once it has been given it.
+    struct Release {
+        QXMuxerVideoToolboxInput& input;
+        size_t bytes;
+        ~Release() { if (bytes) input.releasePicture(bytes); }
+    } release {*this, QXTrackReaderOutput::sampleBytes(sample)};
     if (!sample) {
         if (session) {
             if (OSStatus status = VTCompressionSessionCompleteFrames(session, kCMTimeIndefinite); status != 0) {

@@ -1,5 +1,7 @@
 #include "qxmedia/reader/QXSync.h"
 
+#include <vector>
+
 #include "qxmedia/core/QXMedia.h"
 #include "qxmedia/reader/QXTrackReader.h"
 #include "qxmedia/reader/QXTrackReaderAudioOutputProtocol.h"
@@ -192,7 +194,10 @@ bool QXSync::processVideoSample(const CMSampleBufferRef& sample, QXTrackReaderOu
         from.drop_count = 0;
     }
 
-    releaseSubtitlesUpTo(pts);
+    {
+        std::lock_guard guard(subtitleLock_);
+        releaseSubtitlesUpTo(pts);
+    }
 
     if (CMTimeCompare(duration, kCMTimeZero) <= 0) {
         QXLogWarning("sync: invalid video duration %s, start %s, next %s", describe(duration).c_str(),
@@ -207,19 +212,42 @@ bool QXSync::processVideoSample(const CMSampleBufferRef& sample, QXTrackReaderOu
 void QXSync::releaseSubtitlesUpTo(CMTime presentationTime)
 {
     if (!subtitleQueue_) return;
-    const CMTime offset = ptsOffset_;
+    const CMTime offset = ptsOffset();
     for (;;) {
         // An empty queue gives an invalid time, which is greater than any.
         const CMTime first = CMTimeSubtract(CMBufferQueueGetFirstPresentationTimeStamp(subtitleQueue_), offset);
         if (CMTimeCompare(first, presentationTime) > 0) return;
-        CMSampleBufferRef held = CMBufferQueueDequeueAndRetain(subtitleQueue_);
-        if (!held) return;
-        auto attachments = CMSampleBufferGetFirstSampleAttachments(held, false);
-        Input input = attachments ? attachments->object<QXMuxerInputProtocol>(kCMSampleAttachmentKey_Muxer) : nullptr;
-        if (!input) continue;
-        attachments->removeValue(kCMSampleAttachmentKey_Muxer);
-        if (auto copy = copyWithTiming(held, CMSampleBufferGetDuration(held), first, first)) forwardTo(input, copy);
+        forwardHeld(CMBufferQueueDequeueAndRetain(subtitleQueue_), offset);
     }
+}
+
+void QXSync::releaseSubtitlesOf(const Input& input)
+{
+    if (!subtitleQueue_ || !settled_.load(std::memory_order_acquire)) return;
+    // The queue is short (lines waiting for the video to reach them): it is
+    // emptied and refilled with the other tracks' lines.
+    std::vector<CMSampleBufferRef> others;
+    const CMTime offset = ptsOffset_;
+    while (CMSampleBufferRef held = CMBufferQueueDequeueAndRetain(subtitleQueue_)) {
+        auto attachments = CMSampleBufferGetFirstSampleAttachments(held, false);
+        if (attachments && attachments->object<QXMuxerInputProtocol>(kCMSampleAttachmentKey_Muxer) == input) {
+            forwardHeld(held, offset);
+        } else {
+            others.push_back(held);
+        }
+    }
+    for (const CMSampleBufferRef& held : others) CMBufferQueueEnqueue(subtitleQueue_, held);
+}
+
+void QXSync::forwardHeld(const CMSampleBufferRef& held, CMTime offset)
+{
+    if (!held) return;
+    auto attachments = CMSampleBufferGetFirstSampleAttachments(held, false);
+    Input input = attachments ? attachments->object<QXMuxerInputProtocol>(kCMSampleAttachmentKey_Muxer) : nullptr;
+    if (!input) return;
+    attachments->removeValue(kCMSampleAttachmentKey_Muxer);
+    const CMTime start = CMTimeSubtract(CMSampleBufferGetOutputPresentationTimeStamp(held), offset);
+    if (auto copy = copyWithTiming(held, CMSampleBufferGetDuration(held), start, start)) forwardTo(input, copy);
 }
 
 bool QXSync::processAudioSample(const CMSampleBufferRef& sample, QXTrackReaderOutput& from, const Input& forward)
@@ -290,10 +318,16 @@ bool QXSync::outputAudioSample(const CMSampleBufferRef& sample, QXTrackReaderOut
 
 bool QXSync::processSubtitleSample(const CMSampleBufferRef& sample, QXTrackReaderOutput&, const Input& forward)
 {
-    if (!sample) return true;
+    std::lock_guard guard(subtitleLock_);
+    if (!sample) {
+        // The channel tells the input of the end right after this: the lines
+        // still waiting for the video go first, or the finished input would
+        // lose them. The muxer's window puts them in their place.
+        releaseSubtitlesOf(forward);
+        return true;
+    }
     CMSampleBufferGetFirstSampleAttachments(sample, true)->setObject(kCMSampleAttachmentKey_Muxer, forward);
     if (!subtitleQueue_) return true;
-    std::lock_guard guard(subtitleLock_);
     if (OSStatus status = CMBufferQueueEnqueue(subtitleQueue_, sample); status != 0) {
         QXMedia::errorWithDomain(NSOSStatusErrorDomain, status);
     }

@@ -143,8 +143,6 @@ void parseProfileLevel(const std::string& name, std::string& profile, std::strin
     std::transform(profile.begin(), profile.end(), profile.begin(), [](unsigned char c) { return std::tolower(c); });
     // x264 has no Extended profile; Main is its subset that it can make.
     if (profile == "extended") profile = "main";
-    // Pictures arrive in 8 bits: Main 10 would ask the encoder for more.
-    if (profile == "main10") profile = "main";
     const std::string rest = name.substr(second + 1);
     if (rest != "AutoLevel") {
         level = rest;
@@ -324,6 +322,15 @@ void configure(AVCodecContext* context, const QXDictionary& properties, bool hev
     if (const QXValue* name = property(kVTCompressionPropertyKey_ProfileLevel); name && name->string()) {
         std::string profile, level;
         parseProfileLevel(*name->string(), profile, level);
+        // Main 10 takes 10-bit pictures, which the software encoder is given
+        // (widened from the 8 bits they arrive in); hardware stays on Main.
+        if (profile == "main10") {
+            if (software && takesFormat(context->codec, AV_PIX_FMT_YUV420P10)) {
+                context->pix_fmt = AV_PIX_FMT_YUV420P10;
+            } else {
+                profile = "main";
+            }
+        }
         if (!profile.empty()) av_opt_set(context->priv_data, "profile", profile.c_str(), 0);
         if (!level.empty()) av_opt_set(context->priv_data, "level", level.c_str(), 0);
     }
@@ -372,7 +379,7 @@ std::unique_ptr<Encoder> openEncoder(const AVCodec* codec, const std::string& de
     context->width = width;
     context->height = height;
     configure(context, properties, hevc, fullRange);
-    if (!takesFormat(codec, AV_PIX_FMT_YUV420P)) context->pix_fmt = codec->pix_fmts[0];
+    if (!takesFormat(codec, context->pix_fmt)) context->pix_fmt = codec->pix_fmts[0];
 
     const AVHWDeviceType type = deviceTypeOf(codec->name);
     if (type == AV_HWDEVICE_TYPE_VAAPI || (type == AV_HWDEVICE_TYPE_QSV && !takesFormat(codec, AV_PIX_FMT_NV12))) {

@@ -223,3 +223,18 @@ TEST(Sync, SubtitleLeavesWithTheFrameThatReachesItsTime)
     EXPECT_EQ(seconds(CMSampleBufferGetDuration(subtitle.input->samples()[0])), 1.5);
     EXPECT_EQ(order, (std::vector<std::string> {"video", "video", "video", "subtitle", "video"}));
 }
+
+TEST(Sync, SubtitleTrackThatEndsFirstHandsOverItsHeldLinesBeforeItsEnd)
+{
+    // The channel tells the input of the end right after the sync has seen
+    // it: a line still held then would reach a finished input.
+    Lane video = videoLane(), subtitle = subtitleLane(), other = subtitleLane();
+    auto sync = settledSync(video);
+    for (int64_t t : {3000, 1000}) sync->processSample(at(t, 500), *subtitle.output, subtitle.input);
+    sync->processSample(at(2000, 500), *other.output, other.input);
+    sync->processSample(nullptr, *subtitle.output, subtitle.input);
+    EXPECT_EQ(ptsOf(subtitle.input->samples()), (std::vector<double> {1.0, 3.0}));
+    EXPECT_TRUE(other.input->samples().empty()) << "another track's line waits for the video";
+    for (int64_t t : {1960, 2000, 2040}) sync->processSample(at(t), *video.output, video.input);
+    EXPECT_EQ(ptsOf(other.input->samples()), (std::vector<double> {2.0}));
+}

@@ -147,16 +147,25 @@ TEST(EncoderChoice, AHardwareDeviceThatDoesNotOpenFallsBackToSoftwareAndSaysSo)
 
 TEST(EncoderExtradata, TheDummyPictureGivesTheRecordAndTheParameterSets)
 {
-    for (bool hevc : {false, true}) {
-        auto video = destination(hevc);
+    // HEVC profile 2 asks for Main 10: the record says what was encoded.
+    const struct {
+        bool hevc;
+        int profile, recordProfile, bitDepth;
+    } cases[] = {{false, 100, 100, 8}, {true, 100, 1, 8}, {true, 2, 2, 10}};
+    for (const auto& c : cases) {
+        auto video = destination(c.hevc);
+        video->profile = uint8_t(c.profile);
         auto input = makeInput(video);
         ASSERT_TRUE(input->generateExtradata());
-        ASSERT_GT(video->extradata.size(), 7u);
+        ASSERT_GT(video->extradata.size(), 22u);
         EXPECT_EQ(video->extradata[0], 1); // configurationVersion of either record
-        if (!hevc) {
+        if (c.hevc) {
+            EXPECT_EQ(video->extradata[1] & 0x1f, c.recordProfile);
+            EXPECT_EQ((video->extradata[17] & 7) + 8, c.bitDepth);
+        } else {
             EXPECT_EQ(video->sps.size(), 1u);
             EXPECT_EQ(video->pps.size(), 1u);
-            EXPECT_EQ(video->profile, 100);
+            EXPECT_EQ(video->profile, c.recordProfile);
             EXPECT_EQ(video->level, 30);
         }
     }

@@ -8,6 +8,8 @@
 // sample, so the start runs a throw-away session (same properties) on a
 // dummy picture and takes its avcC, or its complete hvcC for an hvc1 entry.
 
+#include <condition_variable>
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -24,6 +26,10 @@ public:
     using QXMuxerInput::initWritingToFileHandle;
     bool initWritingToFileHandle(QXErrorRef* error) override;
     void processSample(const qx::CMSampleBufferRef& sample) override;
+    // Waits while the pictures appended and not yet encoded hold
+    // kPictureBytesInFlight: ten 4K pictures would be 120 MB.
+    bool appendSampleBuffer(const qx::CMSampleBufferRef& sample) override;
+    static constexpr size_t kPictureBytesInFlight = size_t(40) << 20;
 
     // A ready session with every property of the destination set, or null.
     qx::VTCompressionSessionRef createEncoder(QXErrorRef* error = nullptr);
@@ -48,4 +54,9 @@ public:
 
 private:
     std::shared_ptr<QXVideoTrack> video() const;
+    void releasePicture(size_t bytes);
+
+    std::mutex picturesLock_;
+    std::condition_variable pictureEncoded_;
+    size_t pictureBytes_ = 0; // appended, not yet encoded
 };

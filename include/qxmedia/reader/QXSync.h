@@ -51,7 +51,12 @@ private:
     bool settleOffset(const qx::CMSampleBufferRef& sample, const QXTrackReaderOutput& from);
     void settleLocked(qx::CMTime offset);
     void wakeWaiters();
+    // The three below run under subtitleLock_, so that held lines leave
+    // one at a time, each with its own time and in order.
     void releaseSubtitlesUpTo(qx::CMTime presentationTime);
+    // Lets go of one track's held lines, at that track's end.
+    void releaseSubtitlesOf(const Input& input);
+    void forwardHeld(const qx::CMSampleBufferRef& held, qx::CMTime offset);
 
     // The settling hand-shake: waiters sleep on offsetChanged_ under
     // settleLock_; offsetLock_ guards ptsOffset_ and minPts_ inside it.
