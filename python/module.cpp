@@ -1,0 +1,15 @@
+// The Python module qxmedia: movies, presets, jobs and MP4 tags.
+
+#include "Bindings.h"
+#include "qxmedia/core/QXMedia.h"
+
+PYBIND11_MODULE(qxmedia, module)
+{
+    module.doc() = "Convert media into Apple-style M4V files and edit MP4 tags in place.";
+    // FFmpeg and the MP4 layer report through the framework only once it exists.
+    QXMedia::sharedMedia();
+    qxpy::bindErrors(module);
+    qxpy::bindMovie(module);
+    qxpy::bindJob(module);
+    qxpy::bindTags(module);
+}
