@@ -9,6 +9,7 @@
 
 #include "qxmedia/core/QXMedia.h"
 #include "qxmedia/job/QXJob.h"
+#include "qxmedia/source/QXMovie.h"
 #include "qxmedia/library/QXMediaManager.h"
 #include "qxmedia/metadata/QXMetaData.h"
 #include "qxmedia/mp4/MP4File.h"

@@ -249,7 +249,9 @@ TEST(CodedFrameLength, ReadsFixedLengthsFromHeadersAndLeavesTheRestToTheDecoder)
         ASSERT_TRUE(c.length);
         const auto measured = c.length->lengthOf(c.data, c.size, c.packetSize);
         ASSERT_EQ(measured.has_value(), c.frames != 0);
-        if (measured) EXPECT_EQ(std::make_pair(measured->frames, measured->rate), std::make_pair(c.frames, c.rate));
+        if (measured) {
+            EXPECT_EQ(std::make_pair(measured->frames, measured->rate), std::make_pair(c.frames, c.rate));
+        }
     }
     // HE-AAC decodes at twice the rate of its setup: it is measured by decoding.
     EXPECT_FALSE(aacTrack(FF_PROFILE_AAC_HE, 1024));
