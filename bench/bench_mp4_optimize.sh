@@ -1,6 +1,6 @@
 #!/bin/sh
 # Times `qxmp4 optimize` of a ~1 GiB MP4 against `cp` of the same file, in
-# the same run, and prints both and their ratio (target: at most 1.3).
+# the same run, and prints both and their ratio (target: at most 1.1).
 #
 #   bench/bench_mp4_optimize.sh [QXMP4] [WORKDIR]
 #

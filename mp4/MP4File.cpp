@@ -152,7 +152,7 @@ bool MP4File::writeAt(uint64_t offset, const void* data, size_t size)
 
 bool MP4File::syncFile()
 {
-    if (writeAllowed() && ::fsync(fd_) == 0) return true;
+    if (writeAllowed() && ::fdatasync(fd_) == 0) return true;
     MP4Log(MP4_LOG_ERROR, "failed to write \"%s\": %s", path_.c_str(), std::strerror(errno));
     writeFailed_ = true;
     return false;

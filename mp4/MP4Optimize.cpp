@@ -21,14 +21,39 @@ constexpr size_t kCopyBlock = 32 << 20;
 
 bool isFreeType(FourCC type) { return type == kFree || type == kSkip || type == kWide; }
 
+// The length of the hole at `offset` of `fd`, at most `size`: 0 in data, and
+// 0 where the file system cannot tell.
+uint64_t holeAt(int fd, uint64_t offset, uint64_t size)
+{
+    off_t data = ::lseek(fd, off_t(offset), SEEK_DATA);
+    if (data < 0) return errno == ENXIO ? size : 0; // ENXIO: no data up to the end
+    return std::min<uint64_t>(uint64_t(data) - offset, size);
+}
+
+// The length of the data at `offset` of `fd` up to the next hole, at most `size`.
+uint64_t dataAt(int fd, uint64_t offset, uint64_t size)
+{
+    off_t hole = ::lseek(fd, off_t(offset), SEEK_HOLE);
+    if (hole < 0 || uint64_t(hole) <= offset) return size;
+    return std::min<uint64_t>(uint64_t(hole) - offset, size);
+}
+
 // Copies [offset, offset + size) of `in` to the end of `out`, block by block.
+// Holes of the source stay holes: a sparse file is not filled in.
 bool copyRange(int in, uint64_t offset, uint64_t size, int out, uint64_t& done, uint64_t total,
                const std::function<void(double)>& progress, const std::function<bool()>& shouldCancel)
 {
     std::vector<uint8_t> buffer;
     while (size > 0) {
         if (shouldCancel && shouldCancel()) return false;
-        size_t block = size_t(std::min<uint64_t>(size, kCopyBlock));
+        if (uint64_t hole = holeAt(in, offset, size)) {
+            if (::lseek(out, off_t(hole), SEEK_CUR) < 0) return false;
+            offset += hole;
+            size -= hole;
+            done += hole;
+            continue;
+        }
+        size_t block = size_t(std::min<uint64_t>(dataAt(in, offset, size), kCopyBlock));
         // The kernel copies without bringing the data to user space where it can.
         loff_t from = loff_t(offset);
         ssize_t n = ::copy_file_range(in, &from, out, nullptr, block, 0);
@@ -165,6 +190,9 @@ bool MP4File::optimize(const std::filesystem::path& source, const std::filesyste
         if (!ok) break;
         ok = copyRange(file->fd_, box->fileOffset, box->fileSize, out, done, total, progress, shouldCancel);
     }
+    // A hole at the end exists only once the file's size reaches past it.
+    off_t end = ::lseek(out, 0, SEEK_CUR);
+    if (ok && (end < 0 || ::ftruncate(out, end) != 0)) ok = false;
     if (ok && ::fsync(out) != 0) ok = false;
     if (::close(out) != 0) ok = false;
     if (ok && ::rename(temporary.c_str(), destination.c_str()) != 0) {

@@ -406,8 +406,9 @@ std::vector<std::pair<uint64_t, uint64_t>> MP4Track::sampleRanges() const
 {
     buildIndex();
     std::vector<std::pair<uint64_t, uint64_t>> ranges;
+    const StszBox* sizes = stsz(); // looked up once: the lookup walks the box tree
     for (uint32_t i = 0; i < sampleOffsets_.size(); ++i) {
-        uint64_t begin = sampleOffsets_[i], end = begin + stsz()->sampleSize(i);
+        uint64_t begin = sampleOffsets_[i], end = begin + sizes->sampleSize(i);
         if (!ranges.empty() && ranges.back().second == begin)
             ranges.back().second = end;
         else if (end > begin)

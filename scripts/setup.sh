@@ -9,7 +9,7 @@ PACKAGES=(
   libicu-dev libplist-dev libpugixml-dev libcld2-dev libsqlite3-dev
   libebml-dev libmatroska-dev libtesseract-dev libleptonica-dev tesseract-ocr tesseract-ocr-eng
   libgtest-dev libgmock-dev libbenchmark-dev libgoogle-perftools-dev time linux-perf
-  atomicparsley mediainfo mkvtoolnix dvdauthor lsdvd fonts-dejavu-core python3 doxygen
+  atomicparsley hyperfine mediainfo mkvtoolnix dvdauthor lsdvd fonts-dejavu-core python3 doxygen
   python3-dev python3-pybind11 pybind11-dev python3-pytest
 )
 

@@ -8,6 +8,8 @@
 
 #include <functional>
 
+#include <sys/stat.h>
+
 using namespace qx::mp4;
 
 namespace {
@@ -185,6 +187,22 @@ TEST(MP4Large, DataBeyondFourGiBUsesCo64AndA64BitMdat)
         EXPECT_GT(info.offset, uint64_t(4) << 30);
         EXPECT_EQ(mp4test::output("ffprobe -v error -show_entries stream=nb_frames -of csv=p=0 '" + out.string() + "'"),
                   std::to_string(video.packets.size()) + "\n");
+
+        // Optimised: moov goes first, the chunks beyond 4 GiB keep 64-bit
+        // offsets, and the hole stays a hole rather than 4 GiB of zeros.
+        auto fast = dir / "fast.mp4";
+        ASSERT_TRUE(MP4File::optimize(out, fast));
+        auto optimized = MP4File::read(fast);
+        ASSERT_TRUE(optimized);
+        EXPECT_EQ(optimized->root().children()[1]->type(), kMoov);
+        EXPECT_NE(optimized->track(1)->findBox("mdia.minf.stbl.co64"), nullptr);
+        ASSERT_TRUE(optimized->track(1)->readSample(last, data));
+        EXPECT_EQ(data, video.packets[last].data);
+        EXPECT_EQ(mp4test::streamHash(fast), mp4test::streamHash(out));
+        struct stat written {};
+        ASSERT_EQ(::stat(fast.c_str(), &written), 0);
+        EXPECT_LT(uint64_t(written.st_blocks) * 512, uint64_t(64) << 20);
+        std::filesystem::remove(fast);
         std::filesystem::remove(out);
     }
 }

@@ -4,6 +4,7 @@
 #include "Commands.h"
 
 #include "qxmedia/mp4/MP4Log.h"
+#include "qxmedia/version.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -39,7 +40,7 @@ void printLog(int level, const char* format, va_list arguments)
 
 int help(FILE* to)
 {
-    std::fprintf(to, "usage: qxmp4 [--verbose] COMMAND [ARGUMENTS]\n\ncommands:\n");
+    std::fprintf(to, "usage: qxmp4 [--verbose] COMMAND [ARGUMENTS] | --version\n\ncommands:\n");
     for (const auto& command : kCommands)
         std::fprintf(to, "  %-10s %-24s %s\n", command.name, command.usage, command.summary);
     return to == stdout ? 0 : 2;
@@ -77,6 +78,10 @@ int main(int argc, char** argv)
     }
     if (words.empty()) return help(stderr);
     if (words[0] == "help" || words[0] == "--help" || words[0] == "-h") return help(stdout);
+    if (words[0] == "--version") {
+        std::printf("qxmp4 %s\n", QXMEDIA_VERSION_STRING);
+        return 0;
+    }
     qx::mp4::MP4LogSetLevel(gVerbose ? qx::mp4::MP4_LOG_INFO : qx::mp4::MP4_LOG_ERROR);
     qx::mp4::MP4SetLogCallback(printLog);
     for (const auto& command : kCommands) {
