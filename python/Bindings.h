@@ -10,5 +10,6 @@ void bindErrors(pybind11::module_& module);
 void bindMovie(pybind11::module_& module);
 void bindJob(pybind11::module_& module);
 void bindTags(pybind11::module_& module);
+void bindLibrary(pybind11::module_& module);
 
 } // namespace qxpy

@@ -1,9 +1,5 @@
 #include "PyErrors.h"
 
-#include <cstring>
-#include <map>
-#include <utility>
-
 #include "Bindings.h"
 
 namespace py = pybind11;
@@ -11,77 +7,6 @@ namespace py = pybind11;
 namespace qxpy {
 
 namespace {
-
-// FFmpeg's own error tags: the negated little-endian four characters.
-constexpr int64_t ffmpegTag(char a, char b, char c, char d)
-{
-    return -int64_t(uint32_t(uint8_t(a)) | uint32_t(uint8_t(b)) << 8 | uint32_t(uint8_t(c)) << 16 |
-                    uint32_t(uint8_t(d)) << 24);
-}
-
-// Codes of the framework's own domain and the FFmpeg results it passes on.
-const std::map<int64_t, const char*>& mediaCodeNames()
-{
-    static const std::map<int64_t, const char*> names = {
-        {-13001, "FailedToOpenFile"},
-        {-13002, "FailedToCreateFile"},
-        {-13003, "CorruptedFile"},
-        {-13004, "FailedToOptimize"},
-        {-13005, "LibraryReturnedOtherItem"},
-        {-13006, "LibraryRejectedFile"},
-        {-13010, "FailedToAddTrack"},
-        {-13011, "InvalidTrackID"},
-        {-13012, "UnexpectedTrackID"},
-        {-13013, "FailedToEditTrack"},
-        {-11834, "EncoderNotFound"},
-        {-11807, "DiskFull"},
-        {ffmpegTag('I', 'N', 'D', 'A'), "InvalidData"},
-        {ffmpegTag('E', 'O', 'F', ' '), "EndOfFile"},
-        {ffmpegTag(char(0xF8), 'D', 'E', 'C'), "DecoderNotFound"},
-        {ffmpegTag(char(0xF8), 'D', 'E', 'M'), "DemuxerNotFound"},
-        {ffmpegTag(char(0xF8), 'E', 'N', 'C'), "EncoderNotFound"},
-        {ffmpegTag(char(0xF8), 'M', 'U', 'X'), "MuxerNotFound"},
-        {ffmpegTag(char(0xF8), 'S', 'T', 'R'), "StreamNotFound"},
-        {ffmpegTag('P', 'A', 'W', 'E'), "PatchWelcome"},
-        {ffmpegTag('U', 'N', 'K', 'N'), "UnknownError"},
-    };
-    return names;
-}
-
-const std::map<int64_t, const char*>& cocoaCodeNames()
-{
-    static const std::map<int64_t, const char*> names = {
-        {4, "FileNoSuchFile"},
-        {256, "FileReadUnknown"},
-        {257, "FileReadNoPermission"},
-        {260, "FileReadNoSuchFile"},
-        {264, "FileReadInapplicableStringEncoding"},
-        {512, "FileWriteUnknown"},
-        {513, "FileWriteNoPermission"},
-        {514, "FileWriteInvalidFileName"},
-        {516, "FileWriteFileExists"},
-        {517, "FileWriteInapplicableStringEncoding"},
-        {640, "FileWriteOutOfSpace"},
-        {2048, "Formatting"},
-        {3072, "UserCancelled"},
-        {3840, "PropertyListReadCorrupt"},
-        {3851, "PropertyListWriteInvalid"},
-        {4864, "CoderReadCorrupt"},
-    };
-    return names;
-}
-
-const char* lookUp(const std::map<int64_t, const char*>& names, int64_t code)
-{
-    const auto found = names.find(code);
-    return found == names.end() ? nullptr : found->second;
-}
-
-// errno's symbolic name ("ENOENT"), or null.
-const char* errnoName(int64_t code)
-{
-    return code > 0 && code < 4096 ? strerrorname_np(int(code)) : nullptr;
-}
 
 py::handle errorType;
 py::handle cancelledType;
@@ -104,23 +29,16 @@ py::object makeException(py::handle type, const char* domain, int64_t code, cons
 
 std::string errorCodeName(QXErrorDomain domain, int64_t code)
 {
-    const char* name = nullptr;
-    if (domain == QXMediaErrorDomain) {
-        name = lookUp(mediaCodeNames(), code);
-        if (!name) name = errnoName(-code); // FFmpeg hands errno values on negated
-    } else if (domain == NSCocoaErrorDomain) {
-        name = lookUp(cocoaCodeNames(), code);
-    } else if (domain == NSPOSIXErrorDomain) {
-        name = errnoName(code);
-    } else if (domain == AVFoundationErrorDomain && code == -11832) {
-        name = "NoImageAtTime";
-    }
-    return name ? name : "Unknown";
+    // The framework's own names without their C++ prefix; FFmpeg's and
+    // errno's as they are spelled in C.
+    std::string name = QXErrorCodeName(domain, code);
+    if (name.rfind("QXError", 0) == 0) name.erase(0, 7);
+    return name.empty() ? "Unknown" : name;
 }
 
 void raise(const QXErrorRef& error, const std::string& fallback)
 {
-    const bool cancelled = error && error->domain() == NSCocoaErrorDomain && error->code() == 3072;
+    const bool cancelled = error && error->domain() == NSCocoaErrorDomain && error->code() == QXErrorUserCancelled;
     py::object exception =
         error ? makeException(cancelled ? cancelledType : errorType, error->domain(), error->code(),
                               errorCodeName(error->domain(), error->code()), error->localizedDescription())

@@ -10,8 +10,8 @@
 
 namespace qxpy {
 
-// The name of a code in its domain ("DiskFull", "ENOENT"); "Unknown" for
-// a code the table does not know.
+// The name of a code in its domain ("DiskFull", "AVERROR(ENOENT)");
+// "Unknown" for a code without one.
 std::string errorCodeName(QXErrorDomain domain, int64_t code);
 
 // Raises the error as qxmedia.Error (or Cancelled); `fallback` describes

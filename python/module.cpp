@@ -1,4 +1,5 @@
-// The Python module qxmedia: movies, presets, jobs and MP4 tags.
+// The Python module qxmedia: movies, presets, jobs, MP4 tags and the media
+// library.
 
 #include "Bindings.h"
 #include "qxmedia/core/QXMedia.h"
@@ -12,4 +13,5 @@ PYBIND11_MODULE(qxmedia, module)
     qxpy::bindMovie(module);
     qxpy::bindJob(module);
     qxpy::bindTags(module);
+    qxpy::bindLibrary(module);
 }

@@ -26,6 +26,7 @@
 #include "qxmedia/job/QXJob.h"
 #include "qxmedia/job/QXPreset.h"
 #include "qxmedia/job/QXTrackJob.h"
+#include "qxmedia/library/QXLibraryMetadata.h"
 #include "qxmedia/library/QXMediaManager.h"
 #include "qxmedia/metadata/QXMetaData.h"
 #include "qxmedia/mp4/MP4File.h"

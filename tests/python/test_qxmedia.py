@@ -127,6 +127,23 @@ def test_tags_are_edited_in_place(mp4_source, tmp_path):
     assert qxmedia.Movie(path).duration == before
 
 
+def test_library_files_a_converted_movie_and_finds_it_again(mp4_source, tmp_path):
+    path = tmp_path / "library.m4v"
+    shutil.copy(mp4_source, path)
+    qxmedia.write_tags(path, {"name": "Library Title"})
+    library = qxmedia.Library("tv")
+
+    added = library.add(path, copy=False)
+
+    assert added.location == path and added.tags["name"] == "Library Title"
+    assert library.track(added.persistent_id).location == path
+    assert added.persistent_id in [track.persistent_id for track in library.tracks()]
+    library.remove(added.persistent_id)
+    with pytest.raises(KeyError):
+        library.track(added.persistent_id)
+    assert path.exists()
+
+
 def open_missing(tmp_path, source):
     qxmedia.Movie(tmp_path / "missing.mkv")
 
@@ -147,8 +164,8 @@ def convert_below_a_file(tmp_path, source):
 
 # action, exception, code name (framework errors only)
 ERRORS = [
-    (open_missing, qxmedia.Error, "ENOENT"),
-    (open_text, qxmedia.Error, "InvalidData"),
+    (open_missing, qxmedia.Error, "AVERROR(ENOENT)"),
+    (open_text, qxmedia.Error, "AVERROR_INVALIDDATA"),
     (read_tags_of_matroska, qxmedia.Error, "FailedToOpenFile"),
     (convert_below_a_file, qxmedia.Error, "FileWriteFileExists"),
     (lambda tmp_path, source: qxmedia.Preset("no such preset"), ValueError, None),

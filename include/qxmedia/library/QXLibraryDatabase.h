@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "qxmedia/core/QXExport.h"
 #include "qxmedia/platform/foundation/QXError.h"
 #include "qxmedia/platform/foundation/QXValue.h"
 
@@ -25,7 +26,7 @@ struct sqlite3;
 
 // One file track as the database holds it. Text and number properties are
 // keyed by their library property names ("name", "sortShow", "trackCount").
-struct QXLibraryTrackFields {
+struct QX_EXPORT QXLibraryTrackFields {
     std::string persistentID; // 16 upper-case hex digits
     QXURL location;           // absolute
     std::optional<QXDate> dateAdded;
@@ -39,7 +40,7 @@ struct QXLibraryTrackFields {
     int64_t number(std::string_view property) const;
 };
 
-class QXLibraryDatabase {
+class QX_EXPORT QXLibraryDatabase {
 public:
     // The schema this build writes; older databases are migrated on open.
     static constexpr int kSchemaVersion = 2;

@@ -10,13 +10,14 @@
 #include <string>
 #include <string_view>
 
+#include "qxmedia/core/QXExport.h"
 #include "qxmedia/library/QXLibraryDatabase.h"
 
 class QXMetaData;
 
-extern const char QXLibraryITunesIdentifier[]; // "com.apple.iTunes"
-extern const char QXLibraryMusicIdentifier[];  // "com.apple.Music"
-extern const char QXLibraryTVIdentifier[];     // "com.apple.TV"
+QX_EXPORT extern const char QXLibraryITunesIdentifier[]; // "com.apple.iTunes"
+QX_EXPORT extern const char QXLibraryMusicIdentifier[];  // "com.apple.Music"
+QX_EXPORT extern const char QXLibraryTVIdentifier[];     // "com.apple.TV"
 
 enum class QXLibraryKind { iTunes, Music, TV };
 
