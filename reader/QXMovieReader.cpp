@@ -1,5 +1,7 @@
 #include "qxmedia/reader/QXMovieReader.h"
 
+#include <algorithm>
+
 #include "qxmedia/core/QXMedia.h"
 #include "qxmedia/reader/QXTrackReader.h"
 #include "qxmedia/source/QXAudioTrack.h"
@@ -56,6 +58,15 @@ bool QXMovieReader::acceptBeforeStart(const CMSampleBufferRef& sample, QXTrack& 
     return true;
 }
 
+bool QXMovieReader::writesVideo(const QXTrack& track)
+{
+    auto movie = track.source.lock();
+    if (!movie) return true;
+    return std::any_of(movie->tracks.begin(), movie->tracks.end(), [](const QXTrackRef& candidate) {
+        return std::dynamic_pointer_cast<QXVideoTrack>(candidate) && candidate->hasOutputs();
+    });
+}
+
 void QXMovieReader::holdUntilStart(const CMSampleBufferRef& sample, QXTrack& track)
 {
     CMSampleBufferGetFirstSampleAttachments(sample, true)->setValue(kCMSampleAttachmentKey_StreamIndex,
@@ -82,7 +93,7 @@ void QXMovieReader::processSample(const CMSampleBufferRef& sample, const std::sh
         if (video) {
             videoTrack = std::static_pointer_cast<QXVideoTrack>(track);
             if (!acceptBeforeStart(sample, *track)) return;
-        } else {
+        } else if (!(isAudio && track->hasOutputs() && !writesVideo(*track))) {
             holdUntilStart(sample, *track);
             return;
         }

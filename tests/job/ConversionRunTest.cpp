@@ -227,3 +227,20 @@ TEST_F(ConversionRun, FailuresToWriteOrReadEndTheRunWithTheirError)
         EXPECT_FALSE(std::filesystem::is_regular_file(test.output));
     }
 }
+
+// With no video line in the plan the audio starts the timeline, and every
+// audio packet of the source is written.
+TEST_F(ConversionRun, APlanWithoutVideoWritesEveryAudioPacket)
+{
+    const auto input = source("run-copy.mkv", 3);
+    auto job = copyJob(input, dir / "audio.m4v");
+    ASSERT_TRUE(job);
+    std::erase_if(job->tracks, [](const QXTrackJobRef& line) {
+        return line->source->mediaType() == std::string(AVMediaTypeVideo);
+    });
+    ASSERT_TRUE(job->start());
+    EXPECT_TRUE(job->waitUntilFinished()) << (job->error() ? job->error()->description() : "");
+    auto expected = probePackets(input);
+    expected.erase("h264");
+    EXPECT_EQ(probePackets(dir / "audio.m4v"), expected);
+}

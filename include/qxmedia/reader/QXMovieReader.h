@@ -3,7 +3,9 @@
 // usable video key frame arrives, video before it is dropped and samples of
 // the other tracks wait in a bounded startup queue; from then on every
 // timestamp is rebased so that this key frame decodes at zero, and a jump of
-// the timeline (counted by the read loop) is closed by a new offset.
+// the timeline (counted by the read loop) is closed by a new offset. A run
+// that writes none of the movie's video would wait for ever: there the first
+// audio sample that has outputs starts the timeline instead.
 
 #include <cstdint>
 #include <deque>
@@ -47,6 +49,8 @@ private:
     // True when the sample may go on; logs and answers false for dropped
     // video before the start.
     bool acceptBeforeStart(const qx::CMSampleBufferRef& sample, QXTrack& track);
+    // True when a video track of the track's movie has outputs in this run.
+    static bool writesVideo(const QXTrack& track);
     void holdUntilStart(const qx::CMSampleBufferRef& sample, QXTrack& track);
     void drainStartupQueue(QXTrack& track);
     // Sets the offset that continues the timeline one sample after the
