@@ -23,16 +23,9 @@ SIZE_MIB=${2:-1024}
 RUNS=${RUNS:-15}
 AP_RUNS=${AP_RUNS:-3}
 
-for tool in ffmpeg AtomicParsley hyperfine "$QXMP4"; do
-  command -v "$tool" >/dev/null || { echo "bench_mp4_tags: $tool not found" >&2; exit 2; }
-done
-
-if [ -n "${WORK:-}" ]; then
-  mkdir -p "$WORK"
-else
-  WORK=$(mktemp -d)
-  trap 'rm -rf "$WORK"' EXIT
-fi
+. "$(dirname "$0")/bench_common.sh"
+require bench_mp4_tags ffmpeg AtomicParsley hyperfine "$QXMP4"
+work_folder
 cd "$WORK"
 
 if [ ! -s small.mp4 ]; then

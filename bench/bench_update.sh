@@ -21,16 +21,9 @@ SIZE_MIB=${2:-1024}
 RUNS=${RUNS:-5}
 AP_RUNS=${AP_RUNS:-3}
 
-for tool in ffmpeg AtomicParsley "$QXCONVERT"; do
-  command -v "$tool" >/dev/null || { echo "bench_update: $tool not found" >&2; exit 2; }
-done
-
-if [ -n "${WORK:-}" ]; then
-  mkdir -p "$WORK"
-else
-  WORK=$(mktemp -d)
-  trap 'rm -rf "$WORK"' EXIT
-fi
+. "$(dirname "$0")/bench_common.sh"
+require bench_update ffmpeg AtomicParsley "$QXCONVERT"
+work_folder
 
 src=$WORK/source.mp4
 big=$WORK/big.m4v
