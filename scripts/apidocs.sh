@@ -1,23 +1,17 @@
 #!/usr/bin/env bash
-# Builds the API reference (HTML) into build/apidocs from the documented
-# public headers; any warning, an undocumented public name included, fails it.
-#   scripts/apidocs.sh [OUTPUT_DIR]
+# Builds the API reference (HTML) from the public headers, the ones that are
+# installed (the build writes their list when it is configured); any warning,
+# an undocumented public name included, fails it.
+#   scripts/apidocs.sh [BUILD_DIR] [OUTPUT_DIR]     (defaults: build, BUILD_DIR/apidocs)
 set -euo pipefail
 cd "$(dirname "$0")/.."
-# The headers of the reference; every one of them must be public (installed).
-REFERENCE=(
-  qxmedia/qxmedia.h
-  qxmedia/core/QXExport.h
-  qxmedia/core/QXErrorCode.h
-  qxmedia/core/QXMedia.h
-  qxmedia/core/QXTimeFormat.h
-  qxmedia/core/QXVersion.h
-  qxmedia/platform/foundation/QXError.h
-)
-out=${1:-build/apidocs}
+build=${1:-build}
+list=$build/public-headers.txt
+[[ -s $list ]] || { echo "apidocs: no $list; configure the build first (cmake --preset default)" >&2; exit 1; }
+out=${2:-$build/apidocs}
 mkdir -p "$out"
 export QX_DOCS_OUT=$out QX_INCLUDE_DIR=$PWD/include
-QX_PUBLIC_HEADERS=$(printf "$PWD/include/%s " "${REFERENCE[@]}")
+QX_PUBLIC_HEADERS=$(sed "s|^|$PWD/include/|" "$list" | tr '\n' ' ')
 export QX_PUBLIC_HEADERS
 doxygen docs/Doxyfile
 echo "apidocs: $out/html/index.html"
