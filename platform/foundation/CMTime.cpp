@@ -199,13 +199,26 @@ CMTime CMTimeMultiplyByFloat64(CMTime time, double multiplier)
         if (multiplier == 0) return kCMTimeInvalid;
         return multiplier < 0 ? negate(time) : time;
     }
-    const double product = std::round(double(time.value) * multiplier);
-    if (std::isnan(product)) return kCMTimeInvalid;
-    if (std::fabs(product) >= 9223372036854775808.0) return infinityWithSign(product < 0);
-    CMTime result = time;
-    result.value = int64_t(product);
-    if (double(result.value) != double(time.value) * multiplier) result.flags |= kCMTimeFlags_HasBeenRounded;
-    return result;
+    // A timescale under 65536 is doubled until it reaches that (as Core Media
+    // does), so that a small step such as a running average moving by 1/32 of
+    // a millisecond is not rounded away; a product too large for 64 bits
+    // halves the timescale until it fits.
+    int32_t timescale = time.timescale;
+    while (timescale < 65536) timescale *= 2;
+    for (;;) {
+        const double exact = double(time.value) * multiplier * (double(timescale) / double(time.timescale));
+        if (std::isnan(exact)) return kCMTimeInvalid;
+        const double product = std::round(exact);
+        if (std::fabs(product) < 9223372036854775808.0) {
+            CMTime result = time;
+            result.value = int64_t(product);
+            result.timescale = timescale;
+            if (product != exact) result.flags |= kCMTimeFlags_HasBeenRounded;
+            return result;
+        }
+        if (timescale == 1) return infinityWithSign(product < 0);
+        timescale /= 2;
+    }
 }
 
 CMTime CMTimeConvertScale(CMTime time, int32_t newTimescale, CMTimeRoundingMethod method)

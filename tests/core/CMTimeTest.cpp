@@ -48,6 +48,19 @@ TEST(CMTime, OverflowBecomesInfinityNotUndefinedBehaviour)
     EXPECT_TRUE(CMTIME_IS_POSITIVE_INFINITY(CMTimeSubtract(CMTimeMake(1, 1), CMTimeMake(std::numeric_limits<int64_t>::min(), 1))));
 }
 
+// A running average in milliseconds moves by 1/32 of the difference; kept
+// at the millisecond it would stall 15 ms short of a 40 ms frame spacing.
+TEST(CMTime, MultiplyByFloatKeepsSmallFractions)
+{
+    const CMTime step = CMTimeMultiplyByFloat64(CMTimeMake(5, 1000), 0.03125);
+    EXPECT_EQ(CMTimeCompare(step, CMTimeMake(5, 32000)), 0);
+    EXPECT_FALSE(CMTIME_HAS_BEEN_ROUNDED(step));
+    CMTime average = CMTimeMake(1, 30);
+    for (int i = 0; i < 400; ++i)
+        average = CMTimeAdd(average, CMTimeMultiplyByFloat64(CMTimeSubtract(CMTimeMake(40, 1000), average), 0.03125));
+    EXPECT_EQ(CMTimeConvertScale(average, 1000, kCMTimeRoundingMethod_RoundHalfAwayFromZero).value, 40);
+}
+
 TEST(CMTime, ConvertScaleRoundingMethods)
 {
     struct Case {
