@@ -226,7 +226,11 @@ int convert(const ConvertArguments& given)
 
     auto job = QXJob::initWithMovie(movie, QXPreset::initWithIdentifier(parsed.preset));
     if (!job->preset || isUpdatePreset(job->preset->identifier)) {
-        report::failure("cannot convert", parsed.inputs.front(), "none of its tracks can be copied or encoded");
+        // A job converts only movies with a picture; an audio file is tagged in place instead.
+        const char* reason = movie->hasProtectedContent() ? "its tracks are copy-protected"
+                             : !movie->isEncodeable()     ? "it has no video track (tag an audio file with qxmp4)"
+                                                          : "none of its tracks can be copied or encoded";
+        report::failure("cannot convert", parsed.inputs.front(), reason);
         return 1;
     }
     job->metadata = movie->metadata;
