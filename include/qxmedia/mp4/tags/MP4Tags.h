@@ -105,7 +105,7 @@ struct MP4Tags {
     /// stik: media kind: 1 music, 2 audiobook, 6 music video, 9 movie, 10 TV
     /// show, 11 booklet, 14 ringtone.
     std::optional<uint8_t> mediaType;            // stik
-    std::optional<uint8_t> contentRating;        ///< rtng: 0 none, 1 explicit, 2 clean
+    std::optional<uint8_t> contentRating;        ///< rtng: 0 none, 1 explicit (4 in older files), 2 clean
     std::optional<bool> gapless;                 ///< pgap: play without gaps between tracks
     std::optional<std::string> iTunesAccount;    ///< apID: the iTunes Store account that bought it
     std::optional<uint8_t> iTunesAccountType;    ///< akID: store account type (0 iTunes)
@@ -147,11 +147,10 @@ bool MP4TagFieldIsSet(const MP4TagField& field, const MP4Tags& tags);
 /// Between a tag set and a list of items. Fetch sets every field whose item
 /// is present and readable and leaves the others alone.
 void MP4TagsFetch(MP4Tags& tags, const MP4ItmfItemList& items);
-/// Store replaces the
-/// items of the typed set that differ from the tags (in place, or appended),
-/// removes those whose field is empty, and leaves every other item as it is,
-/// byte for byte; an item whose decoded value equals the field is not
-/// rewritten either.
+/// Store replaces the items of the typed set that differ from the tags (in
+/// place, or appended), removes those whose field is empty, and leaves every
+/// other item as it is, byte for byte; an item whose decoded value equals the
+/// field is not rewritten either.
 void MP4TagsStore(const MP4Tags& tags, MP4ItmfItemList& items);
 
 /// Artwork type from the first bytes of an image (JPEG, PNG, BMP, GIF);
@@ -162,9 +161,9 @@ MP4TagArtworkType MP4TagArtworkTypeOfData(std::span<const uint8_t> data);
 /// moov/udta/meta. Fetch is false when the file has no moov; a file without
 /// tags fetches an empty set.
 bool MP4TagsFetch(MP4Tags& tags, MP4File& file);
-/// Store creates udta, meta (with its mdir
-/// handler) and ilst as needed, and removes them again when they are left
-/// empty; the file is written when it is closed. False in read mode.
+/// Store creates udta, meta (with its mdir handler) and ilst as needed, and
+/// removes them again when they are left empty; the file is written when it
+/// is closed. False in read mode.
 bool MP4TagsStore(const MP4Tags& tags, MP4File& file);
 
 } // namespace qx::mp4
