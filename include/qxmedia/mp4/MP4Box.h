@@ -225,7 +225,7 @@ public:
     explicit FileRangeBox(FourCC type) : Box(type) {}
     uint64_t payloadOffset = 0; ///< absolute offset of the payload in the source file
     uint64_t payloadSize = 0;   ///< length of the payload in bytes (header not counted)
-    /// "<payloadSize> bytes at <payloadOffset>".
+    /// Size and place of the payload, as "N bytes at OFFSET".
     std::string describe() const override;
 };
 

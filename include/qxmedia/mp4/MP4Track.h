@@ -74,7 +74,7 @@ public:
     ///@}
     /// The first (or n-th) sample entry, e.g. avc1; null if none.
     Box* sampleEntry(size_t index = 0) const;
-    /// A box inside the first sample entry, e.g. sampleEntryChild<AvcCBox>().
+    /// A box inside the first sample entry, e.g. `sampleEntryChild<AvcCBox>()`.
     template <class T> T* sampleEntryChild() const
     {
         Box* entry = sampleEntry();
