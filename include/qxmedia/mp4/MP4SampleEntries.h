@@ -95,7 +95,7 @@ public:
     uint16_t version = 0, revision = 0;
     ///@}
     uint32_t vendor = 0;       ///< QuickTime vendor code; 0 in MP4
-    uint16_t channelCount = 2; ///< number of channels (informative for most codings; the configuration rules)
+    uint16_t channelCount = 2; ///< number of channels; for AAC and AC-3 the decoder configuration is what counts
     uint16_t sampleSize = 16;  ///< bits per sample; 16
     ///@{
     /// QuickTime's compression ID and packet size; 0 in MP4.
