@@ -36,12 +36,9 @@ struct MP4CreateOptions {
     uint32_t timeScale = 1000; ///< the movie timescale in ticks per second (0 counts as 1000)
 };
 
-/// close() flags.
-enum : uint32_t {
-    /// Leave esds and btrt bit rates as they are instead of computing them from
-    /// the samples written in the session.
-    MP4_CLOSE_DO_NOT_COMPUTE_BITRATE = 1
-};
+/// close() flags. MP4_CLOSE_DO_NOT_COMPUTE_BITRATE leaves the esds and btrt bit
+/// rates as they are instead of computing them from the samples written in the session.
+enum : uint32_t { MP4_CLOSE_DO_NOT_COMPUTE_BITRATE = 1 };
 
 /// What the stock demuxer does not tell about a track of an MP4/MOV file.
 struct MP4TrackMetadata {
@@ -66,12 +63,10 @@ struct MP4TrackMetadata {
 /// layer's log (MP4Log.h).
 class QX_EXPORT MP4File {
 public:
-    /// How the file was opened.
-    enum class Mode {
-        Read,   ///< parsed for reading; nothing is written
-        Modify, ///< edited in place; close() writes the new moov
-        Create  ///< a new file written sample by sample; close() writes moov
-    };
+    /// How the file was opened: Read (parsed; nothing is written), Modify
+    /// (edited in place; close() writes the new moov) or Create (a new file
+    /// written sample by sample; close() writes moov).
+    enum class Mode { Read, Modify, Create };
 
     /// Opens and parses the file for reading; null when it cannot be read as
     /// MP4 (cannot be opened, or no moov). Damage found while parsing is

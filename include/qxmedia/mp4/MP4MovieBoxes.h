@@ -93,12 +93,10 @@ public:
     size_t levelsOffset = 0;  ///< where the five level bytes start in `raw`
 };
 
-/// Track header flags (the `flags` of tkhd; combine with |).
-enum : uint32_t {
-    kTrackEnabled = 1, ///< the track is played
-    kTrackInMovie = 2, ///< the track is part of the presentation
-    kTrackInPreview = 4 ///< the track is used when previewing
-};
+/// Track header flags (the `flags` of tkhd; combine with |): kTrackEnabled, the
+/// track is played; kTrackInMovie, it is part of the presentation;
+/// kTrackInPreview, it is used when previewing.
+enum : uint32_t { kTrackEnabled = 1, kTrackInMovie = 2, kTrackInPreview = 4 };
 
 /// tkhd: the track header. Written as version 1 (64-bit times) when a time or
 /// the duration does not fit 32 bits, or when it was read so. New headers
