@@ -50,7 +50,7 @@ struct MP4TrackMetadata {
     int16_t layer = 0;  ///< tkhd layer; lower is in front
     int16_t alternateGroup = 0; ///< tkhd alternate group; 0 for none
     int16_t volume = 0;        ///< 8.8 fixed point as stored
-    std::string protectedType; ///< drmi, drms, drmt, or empty
+    std::string protectedType; ///< the first sample entry type when protected (drmi, drms, drmt), else empty
     /// As stream metadata: "chap" = "2,3", "flags", "layer", "alternate_group",
     /// "volume" as decimal integers, "codec_tag" for protected entries.
     std::map<std::string, std::string> dictionary() const;
