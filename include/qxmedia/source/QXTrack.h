@@ -113,8 +113,9 @@ public:
     /// stream's time base; 0 when unknown.
     int64_t offset = 0;
     QXData extradata;             ///< The codec's configuration bytes as FFmpeg has them; empty when none.
-    /// The run stage that times and orders the samples from the read loop;
-    /// null for a track not imported from a stream.
+    /// The run step between the movie's reader and the fan-out; it keeps the
+    /// spacing of the track's decode times. Null for a track not imported
+    /// from a stream.
     std::shared_ptr<QXTrackReader> reader;
     qx::dispatch_queue_t outQueue;         ///< Serial queue of the fan-out to several outputs.
     qx::dispatch_semaphore_t outSemaphore; ///< Counts samples waiting for the fan-out (256 at most).
@@ -169,7 +170,8 @@ public:
                                QXErrorRef* error = nullptr);
 
     /// The sample road: to the reader if there is one, else to the outputs.
-    /// The read loop calls it; null is the end marker.
+    /// The read loop's samples arrive here, through the movie's reader when
+    /// it has one; null is the end marker.
     void processSample(const qx::CMSampleBufferRef& sample);
     /// Fans a sample (or the end marker, null) out to every output on
     /// outQueue; blocks while 256 samples of this track are in flight. A
