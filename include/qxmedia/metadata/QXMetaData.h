@@ -188,7 +188,9 @@ public:
 
     // --- Flags. `compilation` is a field but none of the 81 keys: it is not
     // archived, copied, merged or reported as changed.
-    bool compilation = false;         ///< Part of a compilation (cpil); setValue() reaches it by its key.
+    /// Part of a compilation (cpil). setValue() reaches it by its key, but it is none of the table's keys: it is
+    /// not archived, copied, merged or reported as changed.
+    bool compilation = false;
     bool includeAdultContent = false; ///< Starts as the user default; only kept, no MP4 tag.
     bool useDVDOrder = false;         ///< Episodes are counted in the DVD's order; only kept, no MP4 tag.
     bool gapless = false;             ///< Plays on into the next track without a pause (pgap).
@@ -211,7 +213,7 @@ public:
     // --- Texts; they start as the empty string, imdbId and imdbSeriesId absent.
     ///@{
     /// The text of the MP4 tag of the same name (©alb, aART, ©ART, catg, ©cmt, ©wrt); empty when the item has
-    /// none, and written back only when not empty.
+    /// none. Writing an empty text removes the tag.
     QXAtomicObject<std::string> album;
     QXAtomicObject<std::string> albumArtist;
     QXAtomicObject<std::string> artist;
@@ -220,20 +222,20 @@ public:
     QXAtomicObject<std::string> composer;
     ///@}
     QXAtomicObject<std::string> contentRatingAnnotation; ///< The reason given with the rating (in iTunEXTC).
-    QXAtomicObject<std::string> copyright;    ///< cprt.
+    QXAtomicObject<std::string> copyright;    ///< The copyright notice (cprt).
     QXAtomicObject<std::string> countryCode;  ///< The country whose rating tables apply ("US"); no tag of its own.
     QXAtomicObject<std::string> encodedBy;    ///< The person or company that made the file (©enc).
     QXAtomicObject<std::string> encodingTool; ///< The program that made the file (©too).
     QXAtomicObject<std::string> episodeID;    ///< The episode's production code (tven).
     QXAtomicObject<std::string> genre;        ///< The genre as text (©gen); genreType is the numbered one.
-    QXAtomicObject<std::string> grouping;     ///< ©grp.
+    QXAtomicObject<std::string> grouping;     ///< The grouping (©grp).
     QXAtomicObject<std::string> iTunesAccount; ///< The buyer's store account (apID); an empty text is written.
-    QXAtomicObject<std::string> keywords;     ///< keyw.
+    QXAtomicObject<std::string> keywords;     ///< Keywords, as one text (keyw).
     QXAtomicObject<std::string> languageCode; ///< A language code from the user defaults ("en"); no MP4 tag.
     QXAtomicObject<std::string> longDescription; ///< The full description (ldes).
-    QXAtomicObject<std::string> lyrics;       ///< ©lyr.
+    QXAtomicObject<std::string> lyrics;       ///< The lyrics (©lyr).
     QXAtomicObject<std::string> name;         ///< The title (©nam); see title().
-    QXAtomicObject<std::string> seasonDescription; ///< sdes.
+    QXAtomicObject<std::string> seasonDescription; ///< The season's description (sdes).
     QXAtomicObject<std::string> shortDescription;  ///< The short description (desc).
     QXAtomicObject<std::string> show;         ///< The TV show (tvsh).
     ///@{
@@ -246,7 +248,7 @@ public:
     QXAtomicObject<std::string> sortShow;
     ///@}
     QXAtomicObject<std::string> studio;    ///< Written in the iTunMOVI credits item, and only with a credits list.
-    QXAtomicObject<std::string> tvNetwork; ///< tvnn.
+    QXAtomicObject<std::string> tvNetwork; ///< The TV network (tvnn).
     QXAtomicObject<std::string> whereFrom; ///< Where the item came from; only kept and archived.
     QXAtomicObject<std::string> xid;       ///< The vendor's identifier of the item ("xid ").
 
@@ -266,13 +268,13 @@ public:
     ///@}
     uint64_t dvdEpisodeNumber = 0; ///< The episode in the DVD's order; only kept and archived.
     uint64_t dvdSeasonNumber = 0;  ///< The season in the DVD's order; only kept and archived.
-    uint64_t episodeNumber = 0;    ///< tves; 0 removes the tag.
-    uint64_t genreID = 0;   ///< Store genre number (geID); 0 removes the tag
-    uint64_t genreType = 0; ///< MP4 gnre value (ID3v1 genre + 1); 0 removes the tag
+    uint64_t episodeNumber = 0;    ///< The episode number (tves); 0 removes the tag.
+    uint64_t genreID = 0;   ///< Store genre number (geID); 0 removes the tag.
+    uint64_t genreType = 0; ///< MP4 gnre value (ID3v1 genre + 1); 0 removes the tag.
     uint64_t iTunesCountry = 0; ///< The store front of the purchase (sfID); 0 removes the tag.
     uint64_t playlistID = 0;    ///< Store playlist ID (plID); 0 removes the tag.
     uint64_t rating = 0;        ///< The user's rating in the media library; no MP4 tag.
-    uint64_t seasonNumber = 0;  ///< tvsn; 0 removes the tag.
+    uint64_t seasonNumber = 0;  ///< The season number (tvsn); 0 removes the tag.
     ///@{
     /// Track number and count (trkn); written when either is not 0. The tag holds 16 bits.
     uint64_t trackCount = 0;
