@@ -1,5 +1,6 @@
 #pragma once
-// Counting semaphores: the back-pressure between pipeline stages.
+/// @file
+/// Counting semaphores: the back-pressure between pipeline stages.
 
 #include <memory>
 
@@ -8,16 +9,17 @@
 namespace qx {
 
 class DispatchSemaphore;
+/// A semaphore, shared by its users.
 using dispatch_semaphore_t = std::shared_ptr<DispatchSemaphore>;
 
-// Null when `value` is negative.
+/// A semaphore holding `value` counts. Null when `value` is negative.
 dispatch_semaphore_t dispatch_semaphore_create(long value);
 
-// Takes one count, waiting until `timeout` (DISPATCH_TIME_FOREVER: without
-// limit) for one to be there. Returns 0 on success and non-zero on timeout.
+/// Takes one count, waiting until `timeout` (DISPATCH_TIME_FOREVER: without
+/// limit) for one to be there. Returns 0 on success and non-zero on timeout.
 long dispatch_semaphore_wait(const dispatch_semaphore_t& semaphore, dispatch_time_t timeout);
 
-// Gives one count back. Returns non-zero if a waiting thread was woken.
+/// Gives one count back. Returns non-zero if a waiting thread was woken.
 long dispatch_semaphore_signal(const dispatch_semaphore_t& semaphore);
 
 } // namespace qx

@@ -1,6 +1,7 @@
 #pragma once
-// qx::dispatch: queues, groups, semaphores, dispatch_apply, dispatch_once and
-// barriers, with libdispatch's names and meaning.
+/// @file
+/// qx::dispatch: queues, groups, semaphores, dispatch_apply, dispatch_once and
+/// barriers, with libdispatch's names and meaning.
 
 #include "qxmedia/platform/dispatch/DispatchGroup.h"
 #include "qxmedia/platform/dispatch/DispatchOnce.h"
