@@ -18,6 +18,12 @@
 /// Headers that are installed only because these include them are not part
 /// of the interface; see the architecture notes.
 
+/// @namespace qx
+/// The framework's types that have no QX prefix: times, sample buffers,
+/// dispatch queues, values and the MP4 layer.
+/// @namespace qx::mp4
+/// The MP4 layer: boxes, tracks, tags and chapters of a file.
+
 #include "qxmedia/core/QXErrorCode.h"
 #include "qxmedia/core/QXExport.h"
 #include "qxmedia/core/QXMedia.h"
