@@ -5,9 +5,13 @@ extern "C" {
 #include <libavutil/dict.h>
 }
 
+#include <algorithm>
 #include <functional>
+#include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "QXMetaDataText.h"
 #include "qxmedia/core/QXMedia.h"
@@ -53,10 +57,30 @@ struct QXMetaDataImport {
         };
     }
 
-    static const std::unordered_map<std::string_view, Reader>& readers()
+    // Keys are matched without regard to case: the Matroska demuxer hands
+    // over "ARTIST" and "DATE" where the MP4 one says "artist" and "date".
+    static std::string folded(std::string_view key)
+    {
+        std::string lower(key);
+        std::transform(lower.begin(), lower.end(), lower.begin(),
+                       [](unsigned char c) { return char(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c); });
+        return lower;
+    }
+
+    static const std::unordered_map<std::string, Reader>& readers()
+    {
+        static const std::unordered_map<std::string, Reader> folded = [] {
+            std::unordered_map<std::string, Reader> byFoldedKey;
+            for (const auto& [key, reader] : table()) byFoldedKey.emplace(QXMetaDataImport::folded(key), reader);
+            return byFoldedKey;
+        }();
+        return folded;
+    }
+
+    static std::vector<std::pair<std::string_view, Reader>> table()
     {
         using M = QXMetaData;
-        static const std::unordered_map<std::string_view, Reader> table = {
+        return {
             {"title", text(&M::name)},
             {"MOVIE/TITLE", text(&M::name)},
             {"EPISODE/TITLE", text(&M::name)},
@@ -135,7 +159,6 @@ struct QXMetaDataImport {
             {"minor_version", nullptr},
             {"compatible_brands", nullptr},
         };
-        return table;
     }
 };
 
@@ -151,7 +174,7 @@ bool QXMetaData::readFromDictionary(const AVDictionary* dictionary)
     const auto& readers = QXMetaDataImport::readers();
     const AVDictionaryEntry* entry = nullptr;
     while ((entry = av_dict_get(dictionary, "", entry, AV_DICT_IGNORE_SUFFIX))) {
-        auto found = readers.find(entry->key);
+        auto found = readers.find(QXMetaDataImport::folded(entry->key));
         if (found == readers.end()) {
             QXLogInfo("Unknown metadata item %s: %s", entry->key, entry->value);
         } else if (found->second) {

@@ -1,8 +1,10 @@
-// Tags as FFmpeg's demuxers hand them over: an MP4 tagged by ffmpeg, read
-// back by ffprobe, imported from the entries ffprobe shows.
+// Tags as FFmpeg's demuxers hand them over: files tagged by ffmpeg, read
+// back by ffprobe, imported from the entries ffprobe shows. The MP4
+// demuxer names keys in lower case, the Matroska one in upper case.
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <sstream>
 
 extern "C" {
@@ -12,11 +14,10 @@ extern "C" {
 #include "qxmedia/metadata/QXMetaData.h"
 #include "support/TestMedia.h"
 
-TEST(FFmpegTags, DateAndEpisodeSortBecomeReleaseDateAndEpisodeNumber)
+namespace {
+
+void expectImported(const std::filesystem::path& file)
 {
-    const auto file = qxtest::generate("ffmpeg-tags.m4a", "-f lavfi -i sine=duration=0.2 -metadata date=2021-05-04 "
-                                                          "-metadata episode_sort=7 -c:a aac");
-    ASSERT_FALSE(file.empty());
     std::string text;
     ASSERT_EQ(qxtest::run("ffprobe -v error -show_entries format_tags -of default=nw=1 '" + file.string() + "'", &text),
               0);
@@ -35,4 +36,19 @@ TEST(FFmpegTags, DateAndEpisodeSortBecomeReleaseDateAndEpisodeNumber)
     ASSERT_TRUE(record->releaseDate.get());
     EXPECT_EQ(QXMetaData::formattedDate(*record->releaseDate.get()).substr(0, 10), "2021-05-04");
     EXPECT_EQ(record->episodeNumber, 7u);
+    ASSERT_TRUE(record->artist.get());
+    EXPECT_EQ(*record->artist.get(), "Someone");
+}
+
+} // namespace
+
+TEST(FFmpegTags, KeysOfEachContainerReachTheRecord)
+{
+    for (const char* name : {"ffmpeg-tags.m4a", "ffmpeg-tags.mka"}) {
+        SCOPED_TRACE(name);
+        const auto file = qxtest::generate(name, "-f lavfi -i sine=duration=0.2 -metadata date=2021-05-04 "
+                                                 "-metadata episode_sort=7 -metadata artist=Someone -c:a aac");
+        ASSERT_FALSE(file.empty());
+        expectImported(file);
+    }
 }
