@@ -51,7 +51,12 @@ bool haveTool(const std::string& tool)
 std::filesystem::path generate(const std::string& name, const std::string& ffmpegArguments)
 {
     const auto path = mediaDir() / name;
-    if (std::filesystem::exists(path) && std::filesystem::file_size(path) > 0) return path;
+    // The arguments a file was made with stand beside it, so that a test
+    // that changes them gets a new file rather than the old one.
+    const auto made = mediaDir() / (name + ".args");
+    if (std::filesystem::exists(path) && std::filesystem::file_size(path) > 0 && readFile(made) == ffmpegArguments) {
+        return path;
+    }
     // Write under a temporary name so that a concurrent or failed run never
     // leaves a half-made file behind.
     const auto partial = mediaDir() / ("partial-" + std::to_string(::getpid()) + "-" + name);
@@ -64,6 +69,7 @@ std::filesystem::path generate(const std::string& name, const std::string& ffmpe
         return {};
     }
     std::filesystem::rename(partial, path);
+    writeFile(made, ffmpegArguments);
     return path;
 }
 
