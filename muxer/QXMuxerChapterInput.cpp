@@ -65,15 +65,31 @@ void QXMuxerChapterInput::processSample(const CMSampleBufferRef& sample)
         QXMuxerInput::processSample(sample);
         return;
     }
-    // An absent sample has an invalid time, which compares above every
-    // chapter time: the end closes the running chapter.
+    // A chapter starts with the first picture shown at or after its time.
+    // Pictures come in decode order, so that picture is known once decode
+    // times reach the chapter's time: every later picture shows later still.
+    // (Closing at the first picture that shows after the time, with the
+    // summed durations as length, put the start a reordering delay early.)
     const CMTime pts = sample ? CMSampleBufferGetPresentationTimeStamp(sample) : kCMTimeInvalid;
-    if (nextChapter && CMTimeCompare(nextChapterTimestamp, pts) <= 0) {
-        const CMTime length = CMTimeSubtract(sumDuration, chapterDuration);
+    const CMTime dts = sample ? CMSampleBufferGetDecodeTimeStamp(sample) : kCMTimeInvalid;
+    if (nextChapter && CMTIME_IS_NUMERIC(pts) && CMTimeCompare(pts, nextChapterTimestamp) >= 0 &&
+        (!CMTIME_IS_NUMERIC(firstPictureOfNextChapter) || CMTimeCompare(pts, firstPictureOfNextChapter) < 0)) {
+        firstPictureOfNextChapter = pts;
+    }
+    const bool decodeTimeReached = CMTIME_IS_NUMERIC(dts) ? CMTimeCompare(dts, nextChapterTimestamp) >= 0
+                                                          : CMTIME_IS_NUMERIC(firstPictureOfNextChapter);
+    // An absent sample (the end) closes the running chapter too.
+    if (nextChapter && (!sample || decodeTimeReached)) {
+        const CMTime start = CMTIME_IS_NUMERIC(firstPictureOfNextChapter) ? firstPictureOfNextChapter : sumDuration;
+        const CMTime length = CMTimeMaximum(CMTimeSubtract(start, chapterDuration), kCMTimeZero);
         // At the end a chapter of no length means no sample came at all.
         if (sample || CMTimeCompare(length, kCMTimeZero) > 0) writeChapter(chapter, length);
         chapterDuration = CMTimeAdd(chapterDuration, length);
         advanceChapter();
+        firstPictureOfNextChapter = kCMTimeInvalid;
+        if (nextChapter && CMTIME_IS_NUMERIC(pts) && CMTimeCompare(pts, nextChapterTimestamp) >= 0) {
+            firstPictureOfNextChapter = pts;
+        }
     }
     if (sample) {
         // A sample without a duration adds nothing rather than spoiling the sum.

@@ -23,7 +23,8 @@ public:
     using QXMuxerInput::initWritingToFileHandle;
     // Adds the chapter tracks when there are chapters; true without any.
     bool initWritingToFileHandle(QXErrorRef* error) override;
-    // Closes the running chapter when a sample reaches the next one's time,
+    // Closes the running chapter when decode times reach the next one's
+    // time (it then ends where the first picture of the next one shows),
     // and the last one at the end; then hands the sample to the base.
     void processSample(const qx::CMSampleBufferRef& sample) override;
     // Writes one chapter title (and its picture) of the given length, on the
@@ -41,6 +42,9 @@ public:
     qx::CMTime nextChapterTimestamp = qx::kCMTimeInvalid;
     qx::CMTime chapterDuration = qx::kCMTimeZero; // length of the chapters written
     qx::CMTime sumDuration = qx::kCMTimeZero;     // length of the samples seen
+    // The earliest presentation time at or after the next chapter's time
+    // among the pictures seen; invalid while none has come.
+    qx::CMTime firstPictureOfNextChapter = qx::kCMTimeInvalid;
 
 private:
     void advanceChapter();
