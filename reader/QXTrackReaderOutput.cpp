@@ -1,9 +1,10 @@
 #include "qxmedia/reader/QXTrackReaderOutput.h"
 
 #include <algorithm>
+#include <cmath>
 
 extern "C" {
-#include <libavcodec/codec_id.h>
+#include <libavcodec/codec_par.h>
 }
 
 #include "qxmedia/core/QXMedia.h"
@@ -56,11 +57,12 @@ std::shared_ptr<QXTrackReaderOutput> QXTrackReaderOutput::initWithSource(const s
     return makeFinished<QXTrackReaderOutput>(source);
 }
 
-QXTrackReaderOutput::QXTrackReaderOutput(std::shared_ptr<QXTrack> source)
+QXTrackReaderOutput::QXTrackReaderOutput(std::shared_ptr<QXTrack> source, long length)
     : track(std::move(source)),
-      processSemaphore(dispatch_semaphore_create(kQueuedSamples)),
+      processSemaphore(dispatch_semaphore_create(length)),
       samplesSemaphore(dispatch_semaphore_create(0)),
-      samplesCountSemaphore(dispatch_semaphore_create(kQueuedSamples))
+      samplesCountSemaphore(dispatch_semaphore_create(length)),
+      queueLength(length)
 {
     if (OSStatus status = CMBufferQueueCreate(nullptr, 0, CMBufferQueueGetCallbacksForUnsortedSampleBuffers(), &samples);
         status != 0) {
@@ -81,9 +83,12 @@ std::string QXTrackReaderOutput::description() const
 void QXTrackReaderOutput::outputSample(const CMSampleBufferRef& sample)
 {
     dispatch_semaphore_wait(processSemaphore, DISPATCH_TIME_FOREVER);
+    const size_t bytes = sampleBytes(sample);
+    reserveBytes(processingBytes_, bytes, CMSampleBufferGetImageBuffer(sample) != nullptr);
     auto self = shared_from_this();
-    dispatch_async(processQueue, [self, sample] {
+    dispatch_async(processQueue, [self, sample, bytes] {
         self->processSample(sample);
+        self->releaseBytes(self->processingBytes_, bytes);
         dispatch_semaphore_signal(self->processSemaphore);
     });
 }
@@ -97,10 +102,10 @@ void QXTrackReaderOutput::processSample(const CMSampleBufferRef& sample)
     }
     dispatch_semaphore_wait(samplesCountSemaphore, DISPATCH_TIME_FOREVER);
     const size_t bytes = sampleBytes(sample);
-    reserveBytes(bytes);
+    reserveBytes(queuedBytes_, bytes, CMSampleBufferGetImageBuffer(sample) != nullptr);
     if (OSStatus status = CMBufferQueueEnqueue(samples, sample); status != 0) {
         QXLogWarning("Failed to enqueue sample in %d: %s!", int(status), description().c_str());
-        releaseBytes(bytes);
+        releaseBytes(queuedBytes_, bytes);
         dispatch_semaphore_signal(samplesCountSemaphore);
     }
     dispatch_semaphore_signal(samplesSemaphore);
@@ -112,7 +117,7 @@ CMSampleBufferRef QXTrackReaderOutput::copyNextSample()
     dispatch_semaphore_wait(samplesSemaphore, DISPATCH_TIME_FOREVER);
     CMSampleBufferRef sample = CMBufferQueueDequeueAndRetain(samples);
     if (!sample) return nullptr;
-    releaseBytes(sampleBytes(sample));
+    releaseBytes(queuedBytes_, sampleBytes(sample));
     dispatch_semaphore_signal(samplesCountSemaphore);
     return sample;
 }
@@ -131,24 +136,41 @@ size_t QXTrackReaderOutput::sampleBytes(const CMSampleBufferRef& sample)
     return data ? CMBlockBufferGetDataLength(data) : 0;
 }
 
+long QXTrackReaderOutput::queueLengthForSeconds(const QXTrack& track, double seconds)
+{
+    const AVCodecParameters* parameters = track.codecParameters();
+    if (track.mediaType() != AVMediaTypeAudio || !parameters || parameters->sample_rate <= 0) return kQueuedSamples;
+    // A codec without a fixed frame length is counted as AAC's 1024.
+    const int frameLength = parameters->frame_size > 0 ? parameters->frame_size : 1024;
+    const auto frames = long(std::ceil(seconds * parameters->sample_rate / frameLength));
+    return std::clamp(frames, 16L, kQueuedSamples);
+}
+
 size_t QXTrackReaderOutput::queuedBytes() const
 {
     std::lock_guard hold(bytesLock_);
-    return queuedBytes_;
+    return queuedBytes_.used;
 }
 
-void QXTrackReaderOutput::reserveBytes(size_t bytes)
+size_t QXTrackReaderOutput::processingBytes() const
 {
-    std::unique_lock hold(bytesLock_);
-    bytesReleased_.wait(hold, [&] { return queuedBytes_ == 0 || queuedBytes_ + bytes <= kQueuedBytes; });
-    queuedBytes_ += bytes;
+    std::lock_guard hold(bytesLock_);
+    return processingBytes_.used;
 }
 
-void QXTrackReaderOutput::releaseBytes(size_t bytes)
+void QXTrackReaderOutput::reserveBytes(ByteBound& bound, size_t bytes, bool picture)
+{
+    const size_t limit = picture ? bound.pictureLimit : bound.codedLimit;
+    std::unique_lock hold(bytesLock_);
+    bytesReleased_.wait(hold, [&] { return bound.used == 0 || bound.used + bytes <= limit; });
+    bound.used += bytes;
+}
+
+void QXTrackReaderOutput::releaseBytes(ByteBound& bound, size_t bytes)
 {
     {
         std::lock_guard hold(bytesLock_);
-        queuedBytes_ -= std::min(bytes, queuedBytes_);
+        bound.used -= std::min(bytes, bound.used);
     }
     bytesReleased_.notify_all();
 }

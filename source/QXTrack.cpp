@@ -29,7 +29,10 @@ const char AVTrackAssociationTypeForcedSubtitlesOnly[] = "forc";
 
 namespace {
 
-constexpr long kOutputsInFlight = 256;
+// The fan-out only smooths hand-overs: the outputs behind it hold the
+// read-ahead. A deep fan-out in front of an encoder would let the read loop
+// run seconds ahead of it, with the copied video waiting in the muxer.
+constexpr long kOutputsInFlight = 32;
 
 bool isValidUTF8(std::string_view text)
 {
@@ -306,7 +309,7 @@ void QXTrack::outputSample(const CMSampleBufferRef& sample)
         outputs.front()->outputSample(sample);
         return;
     }
-    // At most 256 samples of a track wait for the fan-out; a slow output
+    // At most 32 samples of a track wait for the fan-out; a slow output
     // stops the read loop here.
     dispatch_semaphore_wait(outSemaphore, DISPATCH_TIME_FOREVER);
     auto self = shared_from_this();
