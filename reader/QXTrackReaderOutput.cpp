@@ -80,11 +80,54 @@ std::string QXTrackReaderOutput::description() const
     return "<QXTrackReaderOutput " + (track ? track->description() : std::string("(no track)")) + ">";
 }
 
+namespace {
+
+thread_local QXTrackReaderOutput::Run* currentRun = nullptr;
+
+} // namespace
+
+QXTrackReaderOutput::Run::Run() : outer_(currentRun)
+{
+    currentRun = this;
+}
+
+QXTrackReaderOutput::Run::~Run()
+{
+    handOn();
+    currentRun = outer_;
+}
+
+void QXTrackReaderOutput::Run::handOn()
+{
+    for (const auto& output : holding_) output->handOnHeld();
+    holding_.clear();
+}
+
+void QXTrackReaderOutput::Run::handOnCurrent()
+{
+    if (currentRun) currentRun->handOn();
+}
+
 void QXTrackReaderOutput::outputSample(const CMSampleBufferRef& sample)
 {
-    dispatch_semaphore_wait(processSemaphore, DISPATCH_TIME_FOREVER);
+    Run* run = currentRun;
+    // The end goes at once, behind everything held.
+    if (!sample && run) run->handOn();
+    if (dispatch_semaphore_wait(processSemaphore, DISPATCH_TIME_NOW) != 0) {
+        Run::handOnCurrent();
+        dispatch_semaphore_wait(processSemaphore, DISPATCH_TIME_FOREVER);
+    }
     const size_t bytes = sampleBytes(sample);
-    reserveBytes(processingBytes_, bytes, CMSampleBufferGetImageBuffer(sample) != nullptr);
+    const bool picture = CMSampleBufferGetImageBuffer(sample) != nullptr;
+    if (!tryReserveBytes(processingBytes_, bytes, picture)) {
+        Run::handOnCurrent();
+        reserveBytes(processingBytes_, bytes, picture);
+    }
+    if (run && sample) {
+        if (held_.empty()) run->holding_.push_back(shared_from_this());
+        held_.push_back({sample, bytes});
+        return;
+    }
     auto self = shared_from_this();
     dispatch_async(processQueue, [self, sample, bytes] {
         self->processSample(sample);
@@ -93,22 +136,60 @@ void QXTrackReaderOutput::outputSample(const CMSampleBufferRef& sample)
     });
 }
 
+void QXTrackReaderOutput::handOnHeld()
+{
+    if (held_.empty()) return;
+    auto self = shared_from_this();
+    dispatch_async(processQueue, [self, held = std::move(held_)] {
+        // The channel learns of the run's finished samples at its end, and
+        // wakes once for them.
+        self->deferSignals_ = true;
+        for (const HeldSample& each : held) {
+            self->processSample(each.sample);
+            self->releaseBytes(self->processingBytes_, each.bytes);
+            dispatch_semaphore_signal(self->processSemaphore);
+        }
+        self->deferSignals_ = false;
+        self->signalDeferred();
+    });
+    held_.clear();
+}
+
 void QXTrackReaderOutput::processSample(const CMSampleBufferRef& sample)
 {
     if (!sample) {
+        signalDeferred();
         finished_.store(true, std::memory_order_release);
         dispatch_semaphore_signal(samplesSemaphore);
         return;
     }
-    dispatch_semaphore_wait(samplesCountSemaphore, DISPATCH_TIME_FOREVER);
+    // Before waiting for the channel, tell it what is already there.
+    if (dispatch_semaphore_wait(samplesCountSemaphore, DISPATCH_TIME_NOW) != 0) {
+        signalDeferred();
+        dispatch_semaphore_wait(samplesCountSemaphore, DISPATCH_TIME_FOREVER);
+    }
     const size_t bytes = sampleBytes(sample);
-    reserveBytes(queuedBytes_, bytes, CMSampleBufferGetImageBuffer(sample) != nullptr);
+    const bool picture = CMSampleBufferGetImageBuffer(sample) != nullptr;
+    if (!tryReserveBytes(queuedBytes_, bytes, picture)) {
+        signalDeferred();
+        reserveBytes(queuedBytes_, bytes, picture);
+    }
     if (OSStatus status = CMBufferQueueEnqueue(samples, sample); status != 0) {
         QXLogWarning("Failed to enqueue sample in %d: %s!", int(status), description().c_str());
         releaseBytes(queuedBytes_, bytes);
         dispatch_semaphore_signal(samplesCountSemaphore);
     }
-    dispatch_semaphore_signal(samplesSemaphore);
+    if (deferSignals_) {
+        ++deferredSignals_;
+    } else {
+        dispatch_semaphore_signal(samplesSemaphore);
+    }
+}
+
+void QXTrackReaderOutput::signalDeferred()
+{
+    dispatch_semaphore_signal_count(samplesSemaphore, deferredSignals_);
+    deferredSignals_ = 0;
 }
 
 CMSampleBufferRef QXTrackReaderOutput::copyNextSample()
@@ -164,6 +245,15 @@ void QXTrackReaderOutput::reserveBytes(ByteBound& bound, size_t bytes, bool pict
     std::unique_lock hold(bytesLock_);
     bytesReleased_.wait(hold, [&] { return bound.used == 0 || bound.used + bytes <= limit; });
     bound.used += bytes;
+}
+
+bool QXTrackReaderOutput::tryReserveBytes(ByteBound& bound, size_t bytes, bool picture)
+{
+    const size_t limit = picture ? bound.pictureLimit : bound.codedLimit;
+    std::lock_guard hold(bytesLock_);
+    if (bound.used != 0 && bound.used + bytes > limit) return false;
+    bound.used += bytes;
+    return true;
 }
 
 void QXTrackReaderOutput::releaseBytes(ByteBound& bound, size_t bytes)

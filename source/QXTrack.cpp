@@ -311,7 +311,12 @@ void QXTrack::outputSample(const CMSampleBufferRef& sample)
     }
     // At most 32 samples of a track wait for the fan-out; a slow output
     // stops the read loop here.
-    dispatch_semaphore_wait(outSemaphore, DISPATCH_TIME_FOREVER);
+    if (dispatch_semaphore_wait(outSemaphore, DISPATCH_TIME_NOW) != 0) {
+        // Samples the read loop holds for other outputs must not wait
+        // behind this one.
+        QXTrackReaderOutput::Run::handOnCurrent();
+        dispatch_semaphore_wait(outSemaphore, DISPATCH_TIME_FOREVER);
+    }
     auto self = shared_from_this();
     dispatch_async(outQueue, [self, sample] {
         for (const auto& output : self->outputs) output->outputSample(sample);

@@ -1,5 +1,6 @@
 #include "qxmedia/platform/dispatch/DispatchSemaphore.h"
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <memory>
@@ -44,17 +45,27 @@ public:
         return 0;
     }
 
-    long signal()
+    // A batch of counts wakes its waiters together: given one by one, each
+    // count would wake the consumer, which takes that one sample and parks
+    // again while the producer is switched out.
+    long signal(long count = 1)
     {
-        if (value_.fetch_add(1, std::memory_order_acq_rel) >= 0) return 0;
+        const long before = value_.fetch_add(count, std::memory_order_acq_rel);
+        const long woken = std::min(count, std::max(-before, 0L));
+        if (woken == 0) return 0;
         // The woken waiter may drop the last owner of the semaphore at once.
         auto keep = shared_from_this();
         {
             std::lock_guard guard(lock_);
-            ++wakeups_;
+            wakeups_ += woken;
         }
-        wakeup_.notify_one(); // outside the lock, so the waiter does not wake into it
-        return 1;
+        // Outside the lock, so the waiter does not wake into it.
+        if (woken == 1) {
+            wakeup_.notify_one();
+        } else {
+            wakeup_.notify_all();
+        }
+        return woken;
     }
 
 private:
@@ -80,6 +91,12 @@ long dispatch_semaphore_signal(const dispatch_semaphore_t& semaphore)
 {
     if (!semaphore) detail::dispatchFatal("dispatch_semaphore_signal with a null semaphore");
     return semaphore->signal();
+}
+
+long dispatch_semaphore_signal_count(const dispatch_semaphore_t& semaphore, long count)
+{
+    if (!semaphore) detail::dispatchFatal("dispatch_semaphore_signal_count with a null semaphore");
+    return count > 0 ? semaphore->signal(count) : 0;
 }
 
 } // namespace qx

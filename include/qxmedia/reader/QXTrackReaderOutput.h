@@ -5,7 +5,7 @@
 // bounded queue that a QXSampleBufferChannel drains with copyNextSample.
 //
 // Back-pressure: processSemaphore bounds samples waiting for processSample,
-// samplesCountSemaphore bounds finished samples (256 each, or about a second
+// samplesCountSemaphore bounds finished samples (256 each, or half a second
 // of audio in front of an encoder); samplesSemaphore counts what
 // copyNextSample may take. Both stages are also bounded by their bytes:
 // coded samples by kQueuedCodedBytes, decoded pictures by kQueuedBytes (256
@@ -19,6 +19,7 @@
 #include <mutex>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "qxmedia/platform/coremedia/CMBufferQueue.h"
 #include "qxmedia/platform/coremedia/CMSampleBuffer.h"
@@ -39,8 +40,31 @@ public:
     virtual ~QXTrackReaderOutput() = default;
 
     // Called by the track's fan-out; runs processSample on processQueue, in
-    // order, one at a time.
+    // order, one at a time. Inside a Run on the calling thread the sample
+    // waits in the output until the run is handed on.
     void outputSample(const qx::CMSampleBufferRef& sample);
+
+    // The read loop's run of packets: while one exists on a thread, the
+    // samples that thread gives to outputSample stay with their outputs and
+    // leave as one block per output at handOn, so processQueue wakes once a
+    // run and not once a sample. Before the thread would wait on a bound,
+    // every held sample is handed on, so a run never waits for itself.
+    class Run {
+    public:
+        Run();
+        ~Run();
+        Run(const Run&) = delete;
+        Run& operator=(const Run&) = delete;
+        void handOn();
+        // Hands on the run of the calling thread, if it has one: for every
+        // wait the read loop's thread may make outside the outputs.
+        static void handOnCurrent();
+
+    private:
+        friend class QXTrackReaderOutput;
+        std::vector<std::shared_ptr<QXTrackReaderOutput>> holding_;
+        Run* outer_;
+    };
     // The step subclasses override; the base makes the sample available.
     // Subclasses call it for every sample they produce and once with null.
     virtual void processSample(const qx::CMSampleBufferRef& sample);
@@ -104,7 +128,23 @@ private:
     // Waits until `bytes` more fit into `bound` (the limit for pictures or
     // for coded samples) and takes them.
     void reserveBytes(ByteBound& bound, size_t bytes, bool picture);
+    // Takes the bytes if they fit now.
+    bool tryReserveBytes(ByteBound& bound, size_t bytes, bool picture);
     void releaseBytes(ByteBound& bound, size_t bytes);
+    // One block on processQueue for the samples held for a run.
+    void handOnHeld();
+    // Signals samplesSemaphore for the finished samples of a run so far.
+    void signalDeferred();
+
+    struct HeldSample {
+        qx::CMSampleBufferRef sample;
+        size_t bytes;
+    };
+    std::vector<HeldSample> held_;
+    // On processQueue only: while a run is processed, finished samples are
+    // announced to the channel at its end or before processSample waits.
+    bool deferSignals_ = false;
+    long deferredSignals_ = 0;
 
     std::atomic<bool> finished_ {false};
     mutable std::mutex bytesLock_;

@@ -20,4 +20,8 @@ long dispatch_semaphore_wait(const dispatch_semaphore_t& semaphore, dispatch_tim
 // Gives one count back. Returns non-zero if a waiting thread was woken.
 long dispatch_semaphore_signal(const dispatch_semaphore_t& semaphore);
 
+// Gives `count` counts back at once, waking each waiter they serve once.
+// Returns the number of threads woken.
+long dispatch_semaphore_signal_count(const dispatch_semaphore_t& semaphore, long count);
+
 } // namespace qx
