@@ -59,9 +59,11 @@ std::shared_ptr<QXTrackReaderOutput> QXTrackReaderOutput::initWithSource(const s
 
 QXTrackReaderOutput::QXTrackReaderOutput(std::shared_ptr<QXTrack> source, long length)
     : track(std::move(source)),
-      processSemaphore(dispatch_semaphore_create(length)),
+      // A full stage wakes its producer for a quarter of its length at a
+      // time, not for every sample taken.
+      processSemaphore(dispatch_semaphore_create_batched(length, length / 4)),
       samplesSemaphore(dispatch_semaphore_create(0)),
-      samplesCountSemaphore(dispatch_semaphore_create(length)),
+      samplesCountSemaphore(dispatch_semaphore_create_batched(length, length / 4)),
       queueLength(length)
 {
     if (OSStatus status = CMBufferQueueCreate(nullptr, 0, CMBufferQueueGetCallbacksForUnsortedSampleBuffers(), &samples);

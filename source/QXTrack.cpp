@@ -100,7 +100,7 @@ void QXTrack::CodecParametersDeleter::operator()(AVCodecParameters* parameters) 
 }
 
 QXTrack::QXTrack()
-    : outSemaphore(dispatch_semaphore_create(kOutputsInFlight)), codecParameters_(avcodec_parameters_alloc())
+    : outSemaphore(dispatch_semaphore_create_batched(kOutputsInFlight, kOutputsInFlight / 4)), codecParameters_(avcodec_parameters_alloc())
 {
 }
 
