@@ -24,8 +24,9 @@ QXMuxerInput::QXMuxerInput(std::shared_ptr<QXTrackReaderOutput> sourceOutput, st
     : source(std::move(sourceOutput)),
       destination(std::move(destinationTrack)),
       inputGroup(dispatch_group_create()),
-      inputSemaphore(dispatch_semaphore_create(kSamplesInFlight)),
-      outputSemaphore(dispatch_semaphore_create(kSamplesInFlight))
+      // Woken for a few samples at a time when full.
+      inputSemaphore(dispatch_semaphore_create_batched(kSamplesInFlight, kSamplesInFlight / 3)),
+      outputSemaphore(dispatch_semaphore_create_batched(kSamplesInFlight, kSamplesInFlight / 3))
 {
 }
 

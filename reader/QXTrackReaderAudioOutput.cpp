@@ -74,7 +74,7 @@ QXTrackReaderAudioOutput::initWithSource(const std::shared_ptr<QXTrack>& source,
 
 QXTrackReaderAudioOutput::QXTrackReaderAudioOutput(std::shared_ptr<QXTrack> source,
                                                    const std::shared_ptr<QXTrack>& destination)
-    : QXTrackReaderOutput(std::move(source))
+    : QXTrackReaderOutput(source, source ? queueLengthForSeconds(*source, kEncoderLeadSeconds) : kQueuedSamples)
 {
     const auto* audio = dynamic_cast<const QXAudioTrack*>(destination.get());
     const int32_t channels = audio ? audio->channels : 2;

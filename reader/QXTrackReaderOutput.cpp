@@ -1,9 +1,10 @@
 #include "qxmedia/reader/QXTrackReaderOutput.h"
 
 #include <algorithm>
+#include <cmath>
 
 extern "C" {
-#include <libavcodec/codec_id.h>
+#include <libavcodec/codec_par.h>
 }
 
 #include "qxmedia/core/QXMedia.h"
@@ -56,11 +57,14 @@ std::shared_ptr<QXTrackReaderOutput> QXTrackReaderOutput::initWithSource(const s
     return makeFinished<QXTrackReaderOutput>(source);
 }
 
-QXTrackReaderOutput::QXTrackReaderOutput(std::shared_ptr<QXTrack> source)
+QXTrackReaderOutput::QXTrackReaderOutput(std::shared_ptr<QXTrack> source, long length)
     : track(std::move(source)),
-      processSemaphore(dispatch_semaphore_create(kQueuedSamples)),
+      // A full stage wakes its producer for a quarter of its length at a
+      // time, not for every sample taken.
+      processSemaphore(dispatch_semaphore_create_batched(length, length / 4)),
       samplesSemaphore(dispatch_semaphore_create(0)),
-      samplesCountSemaphore(dispatch_semaphore_create(kQueuedSamples))
+      samplesCountSemaphore(dispatch_semaphore_create_batched(length, length / 4)),
+      queueLength(length)
 {
     if (OSStatus status = CMBufferQueueCreate(nullptr, 0, CMBufferQueueGetCallbacksForUnsortedSampleBuffers(), &samples);
         status != 0) {
@@ -78,32 +82,116 @@ std::string QXTrackReaderOutput::description() const
     return "<QXTrackReaderOutput " + (track ? track->description() : std::string("(no track)")) + ">";
 }
 
+namespace {
+
+thread_local QXTrackReaderOutput::Run* currentRun = nullptr;
+
+} // namespace
+
+QXTrackReaderOutput::Run::Run() : outer_(currentRun)
+{
+    currentRun = this;
+}
+
+QXTrackReaderOutput::Run::~Run()
+{
+    handOn();
+    currentRun = outer_;
+}
+
+void QXTrackReaderOutput::Run::handOn()
+{
+    for (const auto& output : holding_) output->handOnHeld();
+    holding_.clear();
+}
+
+void QXTrackReaderOutput::Run::handOnCurrent()
+{
+    if (currentRun) currentRun->handOn();
+}
+
 void QXTrackReaderOutput::outputSample(const CMSampleBufferRef& sample)
 {
-    dispatch_semaphore_wait(processSemaphore, DISPATCH_TIME_FOREVER);
+    Run* run = currentRun;
+    // The end goes at once, behind everything held.
+    if (!sample && run) run->handOn();
+    if (dispatch_semaphore_wait(processSemaphore, DISPATCH_TIME_NOW) != 0) {
+        Run::handOnCurrent();
+        dispatch_semaphore_wait(processSemaphore, DISPATCH_TIME_FOREVER);
+    }
+    const size_t bytes = sampleBytes(sample);
+    const bool picture = CMSampleBufferGetImageBuffer(sample) != nullptr;
+    if (!tryReserveBytes(processingBytes_, bytes, picture)) {
+        Run::handOnCurrent();
+        reserveBytes(processingBytes_, bytes, picture);
+    }
+    if (run && sample) {
+        if (held_.empty()) run->holding_.push_back(shared_from_this());
+        held_.push_back({sample, bytes});
+        return;
+    }
     auto self = shared_from_this();
-    dispatch_async(processQueue, [self, sample] {
+    dispatch_async(processQueue, [self, sample, bytes] {
         self->processSample(sample);
+        self->releaseBytes(self->processingBytes_, bytes);
         dispatch_semaphore_signal(self->processSemaphore);
     });
+}
+
+void QXTrackReaderOutput::handOnHeld()
+{
+    if (held_.empty()) return;
+    auto self = shared_from_this();
+    dispatch_async(processQueue, [self, held = std::move(held_)] {
+        // The channel learns of the run's finished samples at its end, and
+        // wakes once for them.
+        self->deferSignals_ = true;
+        for (const HeldSample& each : held) {
+            self->processSample(each.sample);
+            self->releaseBytes(self->processingBytes_, each.bytes);
+            dispatch_semaphore_signal(self->processSemaphore);
+        }
+        self->deferSignals_ = false;
+        self->signalDeferred();
+    });
+    held_.clear();
 }
 
 void QXTrackReaderOutput::processSample(const CMSampleBufferRef& sample)
 {
     if (!sample) {
+        signalDeferred();
         finished_.store(true, std::memory_order_release);
         dispatch_semaphore_signal(samplesSemaphore);
         return;
     }
-    dispatch_semaphore_wait(samplesCountSemaphore, DISPATCH_TIME_FOREVER);
+    // Before waiting for the channel, tell it what is already there.
+    if (dispatch_semaphore_wait(samplesCountSemaphore, DISPATCH_TIME_NOW) != 0) {
+        signalDeferred();
+        dispatch_semaphore_wait(samplesCountSemaphore, DISPATCH_TIME_FOREVER);
+    }
     const size_t bytes = sampleBytes(sample);
-    reserveBytes(bytes);
+    const bool picture = CMSampleBufferGetImageBuffer(sample) != nullptr;
+    if (!tryReserveBytes(queuedBytes_, bytes, picture)) {
+        signalDeferred();
+        reserveBytes(queuedBytes_, bytes, picture);
+    }
     if (OSStatus status = CMBufferQueueEnqueue(samples, sample); status != 0) {
         QXLogWarning("Failed to enqueue sample in %d: %s!", int(status), description().c_str());
-        releaseBytes(bytes);
+        releaseBytes(queuedBytes_, bytes);
         dispatch_semaphore_signal(samplesCountSemaphore);
     }
-    dispatch_semaphore_signal(samplesSemaphore);
+    if (deferSignals_) {
+        ++deferredSignals_;
+    } else {
+        dispatch_semaphore_signal(samplesSemaphore);
+    }
+}
+
+void QXTrackReaderOutput::signalDeferred()
+{
+    dispatch_semaphore_signal_count(samplesSemaphore, deferredSignals_);
+    deferredSignals_ = 0;
 }
 
 CMSampleBufferRef QXTrackReaderOutput::copyNextSample()
@@ -112,7 +200,7 @@ CMSampleBufferRef QXTrackReaderOutput::copyNextSample()
     dispatch_semaphore_wait(samplesSemaphore, DISPATCH_TIME_FOREVER);
     CMSampleBufferRef sample = CMBufferQueueDequeueAndRetain(samples);
     if (!sample) return nullptr;
-    releaseBytes(sampleBytes(sample));
+    releaseBytes(queuedBytes_, sampleBytes(sample));
     dispatch_semaphore_signal(samplesCountSemaphore);
     return sample;
 }
@@ -131,24 +219,50 @@ size_t QXTrackReaderOutput::sampleBytes(const CMSampleBufferRef& sample)
     return data ? CMBlockBufferGetDataLength(data) : 0;
 }
 
+long QXTrackReaderOutput::queueLengthForSeconds(const QXTrack& track, double seconds)
+{
+    const AVCodecParameters* parameters = track.codecParameters();
+    if (track.mediaType() != AVMediaTypeAudio || !parameters || parameters->sample_rate <= 0) return kQueuedSamples;
+    // A codec without a fixed frame length is counted as AAC's 1024.
+    const int frameLength = parameters->frame_size > 0 ? parameters->frame_size : 1024;
+    const auto frames = long(std::ceil(seconds * parameters->sample_rate / frameLength));
+    return std::clamp(frames, 16L, kQueuedSamples);
+}
+
 size_t QXTrackReaderOutput::queuedBytes() const
 {
     std::lock_guard hold(bytesLock_);
-    return queuedBytes_;
+    return queuedBytes_.used;
 }
 
-void QXTrackReaderOutput::reserveBytes(size_t bytes)
+size_t QXTrackReaderOutput::processingBytes() const
 {
-    std::unique_lock hold(bytesLock_);
-    bytesReleased_.wait(hold, [&] { return queuedBytes_ == 0 || queuedBytes_ + bytes <= kQueuedBytes; });
-    queuedBytes_ += bytes;
+    std::lock_guard hold(bytesLock_);
+    return processingBytes_.used;
 }
 
-void QXTrackReaderOutput::releaseBytes(size_t bytes)
+void QXTrackReaderOutput::reserveBytes(ByteBound& bound, size_t bytes, bool picture)
+{
+    const size_t limit = picture ? bound.pictureLimit : bound.codedLimit;
+    std::unique_lock hold(bytesLock_);
+    bytesReleased_.wait(hold, [&] { return bound.used == 0 || bound.used + bytes <= limit; });
+    bound.used += bytes;
+}
+
+bool QXTrackReaderOutput::tryReserveBytes(ByteBound& bound, size_t bytes, bool picture)
+{
+    const size_t limit = picture ? bound.pictureLimit : bound.codedLimit;
+    std::lock_guard hold(bytesLock_);
+    if (bound.used != 0 && bound.used + bytes > limit) return false;
+    bound.used += bytes;
+    return true;
+}
+
+void QXTrackReaderOutput::releaseBytes(ByteBound& bound, size_t bytes)
 {
     {
         std::lock_guard hold(bytesLock_);
-        queuedBytes_ -= std::min(bytes, queuedBytes_);
+        bound.used -= std::min(bytes, bound.used);
     }
     bytesReleased_.notify_all();
 }

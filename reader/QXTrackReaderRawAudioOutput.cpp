@@ -150,9 +150,25 @@ bool QXTrackReaderRawAudioOutput::handOnMeasured(const CMSampleBufferRef& sample
     const CMBlockBufferRef data = CMSampleBufferGetDataBuffer(sample);
     const size_t size = data ? CMBlockBufferGetDataLength(data) : 0;
     uint8_t header[QXCodedFrameLength::kHeaderBytes] = {};
-    const size_t headerSize = std::min(size, sizeof header);
-    if (headerSize > 0 && CMBlockBufferCopyDataBytes(data, 0, headerSize, header) != 0) return false;
-    const auto length = frameLength_->lengthOf(header, headerSize, size);
+    const uint8_t* bytes = header;
+    size_t headerSize = std::min(size, sizeof header);
+    std::vector<uint8_t> whole;
+    if (frameLength_->needsWholePacket() && size > 0) {
+        // Read-loop samples are one block, so this is no copy.
+        size_t contiguous = 0;
+        char* pointer = nullptr;
+        if (CMBlockBufferGetDataPointer(data, 0, &contiguous, nullptr, &pointer) == 0 && contiguous == size) {
+            bytes = reinterpret_cast<const uint8_t*>(pointer);
+        } else {
+            whole.resize(size);
+            if (CMBlockBufferCopyDataBytes(data, 0, size, whole.data()) != 0) return false;
+            bytes = whole.data();
+        }
+        headerSize = size;
+    } else if (headerSize > 0 && CMBlockBufferCopyDataBytes(data, 0, headerSize, header) != 0) {
+        return false;
+    }
+    const auto length = frameLength_->lengthOf(bytes, headerSize, size);
     if (!length) return false;
     if (length->channels > 0) {
         takeFormat(length->bitRate, length->layout, length->channels,

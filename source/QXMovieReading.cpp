@@ -18,6 +18,7 @@ extern "C" {
 #include "qxmedia/platform/coremedia/CMBlockBuffer.h"
 #include "qxmedia/reader/QXMovieReader.h"
 #include "qxmedia/reader/QXTrackReader.h"
+#include "qxmedia/reader/QXTrackReaderOutput.h"
 #include "qxmedia/source/QXMovie.h"
 #include "qxmedia/source/QXReadErrorBudget.h"
 #include "qxmedia/source/QXVideoTrack.h"
@@ -189,6 +190,7 @@ void QXMovie::readLoop(AVFormatContext* openedContext)
     jumpDTS_ = kCMTimeInvalid;
     QXReadErrorBudget errors;
     PacketRun run;
+    QXTrackReaderOutput::Run handOver;
     double lastProgress = double(av_gettime_relative()) / 1e6;
     while (context && run.allocated() && status <= QXMovieStatusReading) {
         // The pause gate: a paused movie holds the semaphore's only count.
@@ -207,6 +209,7 @@ void QXMovie::readLoop(AVFormatContext* openedContext)
                 }
             }
         }
+        handOver.handOn();
         run.clear();
         if (rc == AVERROR_EOF) break;
         if (rc < 0) {
@@ -230,6 +233,7 @@ void QXMovie::readLoop(AVFormatContext* openedContext)
     }
     avformat_close_input(&input.context);
     if (progress) progress->setCompletedUnitCount(progress->totalUnitCount());
+    handOver.handOn();
     finishReading();
 }
 

@@ -29,7 +29,10 @@ const char AVTrackAssociationTypeForcedSubtitlesOnly[] = "forc";
 
 namespace {
 
-constexpr long kOutputsInFlight = 256;
+// The fan-out only smooths hand-overs: the outputs behind it hold the
+// read-ahead. A deep fan-out in front of an encoder would let the read loop
+// run seconds ahead of it, with the copied video waiting in the muxer.
+constexpr long kOutputsInFlight = 32;
 
 bool isValidUTF8(std::string_view text)
 {
@@ -97,7 +100,7 @@ void QXTrack::CodecParametersDeleter::operator()(AVCodecParameters* parameters) 
 }
 
 QXTrack::QXTrack()
-    : outSemaphore(dispatch_semaphore_create(kOutputsInFlight)), codecParameters_(avcodec_parameters_alloc())
+    : outSemaphore(dispatch_semaphore_create_batched(kOutputsInFlight, kOutputsInFlight / 4)), codecParameters_(avcodec_parameters_alloc())
 {
 }
 
@@ -306,9 +309,14 @@ void QXTrack::outputSample(const CMSampleBufferRef& sample)
         outputs.front()->outputSample(sample);
         return;
     }
-    // At most 256 samples of a track wait for the fan-out; a slow output
+    // At most 32 samples of a track wait for the fan-out; a slow output
     // stops the read loop here.
-    dispatch_semaphore_wait(outSemaphore, DISPATCH_TIME_FOREVER);
+    if (dispatch_semaphore_wait(outSemaphore, DISPATCH_TIME_NOW) != 0) {
+        // Samples the read loop holds for other outputs must not wait
+        // behind this one.
+        QXTrackReaderOutput::Run::handOnCurrent();
+        dispatch_semaphore_wait(outSemaphore, DISPATCH_TIME_FOREVER);
+    }
     auto self = shared_from_this();
     dispatch_async(outQueue, [self, sample] {
         for (const auto& output : self->outputs) output->outputSample(sample);

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <thread>
 #include <vector>
 
@@ -20,9 +22,13 @@ TEST(DispatchTime, SaturatesAndKeepsForever)
     EXPECT_GT(dispatch_time(1000, INT64_MIN), DISPATCH_TIME_NOW) << "an early time is not 'now'";
 }
 
-TEST(DispatchSemaphore, NoCountIsLostAmongRacingTimeouts)
+// Wake batch, counts per signal.
+class DispatchSemaphoreCounts : public ::testing::TestWithParam<std::pair<long, long>> {};
+
+TEST_P(DispatchSemaphoreCounts, NoCountIsLostAmongRacingTimeouts)
 {
-    auto semaphore = dispatch_semaphore_create(0);
+    const auto [batch, perSignal] = GetParam();
+    auto semaphore = dispatch_semaphore_create_batched(0, batch);
     std::atomic<long> taken {0};
     constexpr long signals = 20000;
     std::vector<std::thread> threads;
@@ -34,12 +40,29 @@ TEST(DispatchSemaphore, NoCountIsLostAmongRacingTimeouts)
             }
         });
     }
-    for (long i = 0; i < signals; ++i) dispatch_semaphore_signal(semaphore);
+    for (long i = 0; i < signals; i += perSignal) dispatch_semaphore_signal_count(semaphore, std::min(perSignal, signals - i));
     stop = true;
     for (auto& thread : threads) thread.join();
     long left = 0;
     while (dispatch_semaphore_wait(semaphore, DISPATCH_TIME_NOW) == 0) ++left;
     EXPECT_EQ(taken + left, signals);
+}
+
+INSTANTIATE_TEST_SUITE_P(Batches, DispatchSemaphoreCounts,
+                         ::testing::Values(std::pair(1L, 1L), std::pair(4L, 1L), std::pair(4L, 3L)));
+
+TEST(DispatchSemaphore, ABatchedWaiterIsNotStrandedByAConsumerThatStopsEarly)
+{
+    auto semaphore = dispatch_semaphore_create_batched(0, 8);
+    std::atomic<bool> woken {false};
+    std::thread waiter([&] {
+        dispatch_semaphore_wait(semaphore, DISPATCH_TIME_FOREVER);
+        woken = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    dispatch_semaphore_signal(semaphore); // one count of the eight
+    waiter.join();
+    EXPECT_TRUE(woken);
 }
 
 TEST(DispatchGroup, NotifyRunsOnceAfterAllWork)

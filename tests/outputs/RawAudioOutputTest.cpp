@@ -219,6 +219,20 @@ TEST(CodedFrameLength, ReadsFixedLengthsFromHeadersAndLeavesTheRestToTheDecoder)
     CMBlockBufferCopyDataBytes(packet, 0, frame.size(), frame.data());
     const std::vector<uint8_t> zeros(frame.size(), 0);
 
+    // E-AC-3 from FFmpeg's encoder (six blocks a frame); packets of two
+    // frames, of a frame and a dependent one, of a frame and a cut one.
+    const auto eac3Path = qxtest::generate("eac3-stereo.mka", "-f lavfi -i sine=frequency=440:sample_rate=48000:duration=1 "
+                                                              "-ac 2 -c:a eac3 -b:a 192k");
+    const auto eac3 = QXCodedFrameLength::forTrack(*QXMovie::initWithURL(eac3Path)->tracks[0]);
+    const CMBlockBufferRef eac3Packet = CMSampleBufferGetDataBuffer(readPackets(eac3Path, 0).front());
+    std::vector<uint8_t> one(CMBlockBufferGetDataLength(eac3Packet));
+    CMBlockBufferCopyDataBytes(eac3Packet, 0, one.size(), one.data());
+    std::vector<uint8_t> two = one, dependent = one, cut = one;
+    two.insert(two.end(), one.begin(), one.end());
+    dependent.insert(dependent.end(), one.begin(), one.end());
+    dependent[one.size() + 2] = uint8_t((dependent[one.size() + 2] & 0x3F) | 0x40); // strmtyp 1
+    cut.insert(cut.end(), one.begin(), one.begin() + 40);
+
     auto aacTrack = [](int profile, int frameSize) {
         auto track = QXTrack::init();
         track->codecParameters()->codec_id = AV_CODEC_ID_AAC;
@@ -236,6 +250,7 @@ TEST(CodedFrameLength, ReadsFixedLengthsFromHeadersAndLeavesTheRestToTheDecoder)
         const uint8_t* data;
         size_t size, packetSize;
         int32_t frames, rate; // 0: not measured
+        int32_t channels = -1; // -1: not checked
     } const cases[] = {
         {"AC-3 frame", ac3, frame.data(), 32, frame.size(), 1536, 48000},
         {"AC-3 frame cut short", ac3, frame.data(), 32, frame.size() / 2, 0, 0},
@@ -243,6 +258,11 @@ TEST(CodedFrameLength, ReadsFixedLengthsFromHeadersAndLeavesTheRestToTheDecoder)
         {"AAC-LC", aacTrack(FF_PROFILE_AAC_LOW, 1024), raw, sizeof raw, sizeof raw, 1024, 48000},
         {"AAC-LC 960", aacTrack(FF_PROFILE_AAC_LOW, 960), raw, sizeof raw, sizeof raw, 960, 48000},
         {"ADTS of two blocks", aacTrack(FF_PROFILE_AAC_LOW, 1024), adts, sizeof adts, 400, 2048, 48000},
+        {"E-AC-3 frame", eac3, one.data(), one.size(), one.size(), 1536, 48000, 2},
+        {"E-AC-3 two frames", eac3, two.data(), two.size(), two.size(), 3072, 48000, 2},
+        {"E-AC-3 with a dependent frame", eac3, dependent.data(), dependent.size(), dependent.size(), 1536, 48000, 0},
+        {"E-AC-3 and a cut frame", eac3, cut.data(), cut.size(), cut.size(), 1536, 48000, 2},
+        {"E-AC-3 frame cut short", eac3, one.data(), one.size() / 2, one.size() / 2, 0, 0},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -251,6 +271,9 @@ TEST(CodedFrameLength, ReadsFixedLengthsFromHeadersAndLeavesTheRestToTheDecoder)
         ASSERT_EQ(measured.has_value(), c.frames != 0);
         if (measured) {
             EXPECT_EQ(std::make_pair(measured->frames, measured->rate), std::make_pair(c.frames, c.rate));
+            if (c.channels >= 0) {
+                EXPECT_EQ(measured->channels, c.channels);
+            }
         }
     }
     // HE-AAC decodes at twice the rate of its setup: it is measured by decoding.

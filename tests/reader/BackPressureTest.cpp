@@ -20,11 +20,11 @@ namespace {
 // own, counting the calls that returned.
 class Feeder {
 public:
-    Feeder(QXTrackRef track, int total) : track_(std::move(track))
+    Feeder(QXTrackRef track, int total, size_t bytes = 16) : track_(std::move(track))
     {
-        thread_ = std::thread([this, total] {
+        thread_ = std::thread([this, total, bytes] {
             for (int k = 0; k < total; ++k) {
-                track_->outputSample(makeSample(k, k));
+                track_->outputSample(makeSample(k, k, true, 1000, bytes));
                 ++fed;
             }
             track_->outputSample(nullptr);
@@ -76,7 +76,7 @@ void clearOutputs(const QXTrackRef& track)
 
 } // namespace
 
-TEST(BackPressure, StalledOutputStallsItsSiblingAfter256)
+TEST(BackPressure, StalledOutputStallsItsSiblingAfterItsQueueAndTheFanOut)
 {
     auto track = QXAudioTrack::init();
     auto stalled = RecordingOutput::attach(track, false);
@@ -85,11 +85,11 @@ TEST(BackPressure, StalledOutputStallsItsSiblingAfter256)
     {
         Feeder feeder(track, total);
         // The stalled output takes 256 (one in processSample, 255 waiting)
-        // and the fan-out blocks on the 257th; 256 more wait for the fan-out.
-        EXPECT_TRUE(waitUntil([&] { return sibling->count() >= 256 && feeder.fed >= 512; }));
-        EXPECT_EQ(waitUntilSteady([&] { return sibling->count() + feeder.fed; }), 256u + 512u);
+        // and the fan-out blocks on the 257th; 32 more wait for the fan-out.
+        EXPECT_TRUE(waitUntil([&] { return sibling->count() >= 256 && feeder.fed >= 288; }));
+        EXPECT_EQ(waitUntilSteady([&] { return sibling->count() + feeder.fed; }), 256u + 288u);
         EXPECT_EQ(sibling->count(), 256u);
-        EXPECT_EQ(feeder.fed, 512u);
+        EXPECT_EQ(feeder.fed, 288u);
         EXPECT_EQ(stalled->count(), 0u);
 
         stalled->open();
@@ -101,5 +101,33 @@ TEST(BackPressure, StalledOutputStallsItsSiblingAfter256)
         ASSERT_EQ(samples.size(), size_t(total));
         for (int k = 0; k < total; ++k) ASSERT_EQ(dts(samples[size_t(k)]).value, k) << "order lost at " << k;
     }
+    clearOutputs(track);
+}
+
+TEST(BackPressure, CodedSamplesAreBoundedByTheirBytesInBothStages)
+{
+    // 1 MiB samples nobody takes: each stage holds its byte bound, far
+    // below the count bound, and the read loop waits.
+    auto track = QXAudioTrack::init();
+    auto output = QXTrackReaderOutput::initWithSource(track);
+    track->addOutput(output);
+    const size_t sample = size_t(1) << 20;
+    const size_t perStage = QXTrackReaderOutput::kQueuedCodedBytes / sample;
+    const int total = 64;
+    {
+        Feeder feeder(track, total, sample);
+        // The sample in processSample, waiting for room, is still counted
+        // in the first stage.
+        EXPECT_EQ(waitUntilSteady([&] { return size_t(feeder.fed); }), 2 * perStage);
+        EXPECT_EQ(output->queuedBytes(), perStage * sample);
+        EXPECT_EQ(output->processingBytes(), perStage * sample);
+        for (int k = 0; k < total; ++k) {
+            CMSampleBufferRef taken = output->copyNextSample();
+            ASSERT_TRUE(taken);
+            ASSERT_EQ(dts(taken).value, k);
+        }
+        EXPECT_FALSE(output->copyNextSample());
+    }
+    EXPECT_EQ(output->queuedBytes() + output->processingBytes(), 0u);
     clearOutputs(track);
 }

@@ -4,12 +4,13 @@
 // muxer input wants (the base passes them on unchanged) and keeps them in a
 // bounded queue that a QXSampleBufferChannel drains with copyNextSample.
 //
-// Back-pressure: processSemaphore (256) bounds samples waiting for
-// processSample, samplesCountSemaphore (256) bounds finished samples;
-// samplesSemaphore counts what copyNextSample may take. Finished samples are
-// also bounded by their bytes (kQueuedBytes): decoded pictures are large,
-// and 256 of them in 4K would be about 3 GB. One sample always fits, so a
-// picture larger than the bound still passes, alone.
+// Back-pressure: processSemaphore bounds samples waiting for processSample,
+// samplesCountSemaphore bounds finished samples (256 each, or half a second
+// of audio in front of an encoder); samplesSemaphore counts what
+// copyNextSample may take. Both stages are also bounded by their bytes:
+// coded samples by kQueuedCodedBytes, decoded pictures by kQueuedBytes (256
+// of them in 4K would be about 3 GB). One sample always fits, so a sample
+// larger than the bound still passes, alone.
 
 #include <atomic>
 #include <condition_variable>
@@ -18,6 +19,7 @@
 #include <mutex>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "qxmedia/platform/coremedia/CMBufferQueue.h"
 #include "qxmedia/platform/coremedia/CMSampleBuffer.h"
@@ -34,12 +36,35 @@ public:
                                                                bool encode);
     static std::shared_ptr<QXTrackReaderOutput> initWithSource(const std::shared_ptr<QXTrack>& source);
 
-    explicit QXTrackReaderOutput(std::shared_ptr<QXTrack> source);
+    explicit QXTrackReaderOutput(std::shared_ptr<QXTrack> source, long queueLength = kQueuedSamples);
     virtual ~QXTrackReaderOutput() = default;
 
     // Called by the track's fan-out; runs processSample on processQueue, in
-    // order, one at a time.
+    // order, one at a time. Inside a Run on the calling thread the sample
+    // waits in the output until the run is handed on.
     void outputSample(const qx::CMSampleBufferRef& sample);
+
+    // The read loop's run of packets: while one exists on a thread, the
+    // samples that thread gives to outputSample stay with their outputs and
+    // leave as one block per output at handOn, so processQueue wakes once a
+    // run and not once a sample. Before the thread would wait on a bound,
+    // every held sample is handed on, so a run never waits for itself.
+    class Run {
+    public:
+        Run();
+        ~Run();
+        Run(const Run&) = delete;
+        Run& operator=(const Run&) = delete;
+        void handOn();
+        // Hands on the run of the calling thread, if it has one: for every
+        // wait the read loop's thread may make outside the outputs.
+        static void handOnCurrent();
+
+    private:
+        friend class QXTrackReaderOutput;
+        std::vector<std::shared_ptr<QXTrackReaderOutput>> holding_;
+        Run* outer_;
+    };
     // The step subclasses override; the base makes the sample available.
     // Subclasses call it for every sample they produce and once with null.
     virtual void processSample(const qx::CMSampleBufferRef& sample);
@@ -64,10 +89,21 @@ public:
 
     static constexpr long kQueuedSamples = 256;
     static constexpr size_t kQueuedBytes = size_t(64) << 20;
+    static constexpr size_t kQueuedCodedBytes = size_t(4) << 20;
+    // What an output in front of an encoder holds per stage, in time: the
+    // encoder is the slowest consumer and paces the read loop, and whatever
+    // is read ahead of it (the copied video above all) waits in the muxer's
+    // window until its audio arrives.
+    static constexpr double kEncoderLeadSeconds = 0.5;
 
     // The bytes a sample holds: its data block or its picture's planes.
     static size_t sampleBytes(const qx::CMSampleBufferRef& sample);
+    // How many of the track's audio frames last `seconds` (at least 16, at
+    // most kQueuedSamples); kQueuedSamples for other tracks.
+    static long queueLengthForSeconds(const QXTrack& track, double seconds);
     size_t queuedBytes() const;
+    size_t processingBytes() const;
+    const long queueLength;
 
 protected:
     // Creates the queue, named after the finished output.
@@ -83,11 +119,36 @@ protected:
     }
 
 private:
-    void reserveBytes(size_t bytes);
-    void releaseBytes(size_t bytes);
+    // The bytes of one stage; a stage holds one sample whatever its size.
+    struct ByteBound {
+        size_t used = 0;
+        size_t pictureLimit;
+        size_t codedLimit;
+    };
+    // Waits until `bytes` more fit into `bound` (the limit for pictures or
+    // for coded samples) and takes them.
+    void reserveBytes(ByteBound& bound, size_t bytes, bool picture);
+    // Takes the bytes if they fit now.
+    bool tryReserveBytes(ByteBound& bound, size_t bytes, bool picture);
+    void releaseBytes(ByteBound& bound, size_t bytes);
+    // One block on processQueue for the samples held for a run.
+    void handOnHeld();
+    // Signals samplesSemaphore for the finished samples of a run so far.
+    void signalDeferred();
+
+    struct HeldSample {
+        qx::CMSampleBufferRef sample;
+        size_t bytes;
+    };
+    std::vector<HeldSample> held_;
+    // On processQueue only: while a run is processed, finished samples are
+    // announced to the channel at its end or before processSample waits.
+    bool deferSignals_ = false;
+    long deferredSignals_ = 0;
 
     std::atomic<bool> finished_ {false};
     mutable std::mutex bytesLock_;
     std::condition_variable bytesReleased_;
-    size_t queuedBytes_ = 0;
+    ByteBound processingBytes_ {0, kQueuedBytes, kQueuedCodedBytes};
+    ByteBound queuedBytes_ {0, kQueuedBytes, kQueuedCodedBytes};
 };

@@ -118,7 +118,7 @@ public:
     /// from a stream.
     std::shared_ptr<QXTrackReader> reader;
     qx::dispatch_queue_t outQueue;         ///< Serial queue of the fan-out to several outputs.
-    qx::dispatch_semaphore_t outSemaphore; ///< Counts samples waiting for the fan-out (256 at most).
+    qx::dispatch_semaphore_t outSemaphore; ///< Counts samples waiting for the fan-out (32 at most).
     /// Where the track's samples go during a run; set up before the run and
     /// emptied by its end (QXMovie::endRun()).
     std::vector<std::shared_ptr<QXTrackReaderOutput>> outputs;
@@ -174,7 +174,7 @@ public:
     /// it has one; null is the end marker.
     void processSample(const qx::CMSampleBufferRef& sample);
     /// Fans a sample (or the end marker, null) out to every output on
-    /// outQueue; blocks while 256 samples of this track are in flight. A
+    /// outQueue; blocks while 32 samples of this track are in flight. A
     /// single output takes it straight from the caller.
     void outputSample(const qx::CMSampleBufferRef& sample);
     /// Sends the end marker down the sample road, as a read loop does at its end.
