@@ -8,6 +8,10 @@
 #include <string>
 #include <vector>
 
+#ifdef QX_WITH_TCMALLOC
+#include <gperftools/malloc_extension.h>
+#endif
+
 #include "Commands.h"
 #include "Interrupts.h"
 #include "Report.h"
@@ -87,6 +91,12 @@ int main(int argc, char** argv)
 {
     // First, before any thread or file exists.
     interrupts::block();
+    // The pipeline's threads free what other threads allocated; tcmalloc's
+    // per-thread caches (32 MiB in all by default) then hold memory no
+    // thread needs. 8 MiB costs no measurable time and ~7% of a remux's peak.
+#ifdef QX_WITH_TCMALLOC
+    MallocExtension::instance()->SetNumericProperty("tcmalloc.max_total_thread_cache_bytes", size_t(8) << 20);
+#endif
 
     std::vector<std::string> arguments;
     for (int i = 1; i < argc; ++i) {
