@@ -144,8 +144,6 @@ void QXJob::finishProcessing(const QXErrorRef& runError, const std::shared_ptr<Q
     } else if (muxer && muxer->status == QXMuxerStatusFailed) {
         fail(muxer->error);
     }
-    // The read loops are done before the file gets its final name or goes.
-    releaseOutputs(tracks);
     QXURL output = partialDestination;
     if (status < QXJobStatusFailed) renamePartialOutput();
     if (status < QXJobStatusFailed) {
@@ -231,6 +229,9 @@ bool QXJob::startMuxing(const std::shared_ptr<QXMuxer>& muxer, const std::shared
                           [run, muxer, weakSelf, completionHandler] {
                               // A failed write or start stops the channels, not the read loops.
                               if (!muxer || muxer->status != QXMuxerStatusCompleted) run->drainReadLoops();
+                              // The read loops are done before the file gets its final
+                              // name or goes, and before an update closes its edit.
+                              releaseOutputs(run->lines);
                               if (completionHandler) completionHandler(run->error());
                               if (std::shared_ptr<QXJob> self = weakSelf.lock()) self->setProgressMovie(nullptr);
                           });
