@@ -24,8 +24,8 @@ size_mb=${QX_BENCH_SIZE_MB:-1024}
 runs=${QX_BENCH_RUNS:-5}
 timer=/usr/bin/time
 
-[[ -x $qxconvert ]] || { echo "no $qxconvert; build the qxconvert target first" >&2; exit 1; }
-[[ -x $timer ]] || { echo "$timer is missing (Debian package 'time')" >&2; exit 1; }
+. "$(dirname "$0")/bench_common.sh"
+require bench_read "$qxconvert" "$timer" ffmpeg ffprobe
 mkdir -p "$dir"
 
 # A short, busy source, then the same packets looped to the wanted size.

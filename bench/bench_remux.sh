@@ -32,8 +32,8 @@ dir=${QX_BENCH_DIR:-/tmp/qx-bench}
 runs=${QX_BENCH_RUNS:-5}
 timer=/usr/bin/time
 
-[[ -x $qxconvert ]] || { echo "no $qxconvert; build the qxconvert target first" >&2; exit 1; }
-[[ -x $timer ]] || { echo "$timer is missing (Debian package 'time')" >&2; exit 1; }
+. "$(dirname "$0")/bench_common.sh"
+require bench_remux "$qxconvert" "$timer" ffmpeg ffprobe
 mkdir -p "$dir"
 
 # 30 s of busy 720p video (noise keeps the rate up) and two audio tracks,
